@@ -47,9 +47,7 @@ std::wstring field_text(const unsigned char* text, const CardField& field) {
 }
 }  // namespace
 
-IDCardData::IDCardData() {
-    tarvik::fill_code_tables();
-}
+IDCardData::IDCardData() { tarvik::fill_code_tables(); }
 
 IDCardData::~IDCardData() = default;
 

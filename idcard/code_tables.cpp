@@ -24,6 +24,7 @@ const CodeRow kSexRows[] = {
 };
 
 // Nation codes of the card, in insertion order; names are the short forms.
+// clang-format off
 const CodeRow kNationRows[] = {
     {L"01", L"汉"},       {L"02", L"蒙古"},     {L"03", L"回"},       {L"04", L"藏"},
     {L"05", L"维吾尔"},   {L"06", L"苗"},       {L"07", L"彝"},       {L"08", L"壮"},
@@ -41,6 +42,7 @@ const CodeRow kNationRows[] = {
     {L"53", L"赫哲"},     {L"54", L"门巴"},     {L"55", L"珞巴"},     {L"56", L"基诺"},
     {L"97", L"其他"},     {L"98", L"外国血统中国籍人士"},
 };
+// clang-format on
 
 // Insert-if-absent: a code already present keeps its name, and a table that is
 // already full is only read, so later fills never write to it.
@@ -68,10 +70,6 @@ void fill_code_tables() {
 }
 }  // namespace tarvik
 
-std::wstring IDCardData::get_sex(std::wstring code) {
-    return lookup(sex_map, code);
-}
+std::wstring IDCardData::get_sex(std::wstring code) { return lookup(sex_map, code); }
 
-std::wstring IDCardData::get_nation(std::wstring code) {
-    return lookup(nation_map, code);
-}
+std::wstring IDCardData::get_nation(std::wstring code) { return lookup(nation_map, code); }

@@ -149,9 +149,7 @@ std::wstring utf8_to_wstring(const std::string& s) {
     return out;
 }
 
-void trim_left_space(std::string& s) {
-    s.erase(0, s.find_first_not_of(kBlank));
-}
+void trim_left_space(std::string& s) { s.erase(0, s.find_first_not_of(kBlank)); }
 
 void trim_right_space(std::string& s) {
     // npos + 1 is 0: a string of blanks is erased whole.
@@ -163,6 +161,4 @@ void trim_left_right_space(std::string& s) {
     trim_right_space(s);
 }
 
-void trim_all_space(std::string& s) {
-    s.erase(std::remove(s.begin(), s.end(), kBlank), s.end());
-}
+void trim_all_space(std::string& s) { s.erase(std::remove(s.begin(), s.end(), kBlank), s.end()); }

@@ -17,15 +17,15 @@ TARVIK_API unsigned int ucs2be_to_ucs2le(unsigned short* buf, unsigned int len);
 // With `dst` null, returns the bytes needed; otherwise the bytes written, never
 // more than `dst_size`, ending before a unit whose encoding would not fit.
 // No terminating zero is written.
-TARVIK_API unsigned int ucs2_to_utf8(unsigned short* src, unsigned int src_len,
-                                     unsigned char* dst, unsigned int dst_size);
+TARVIK_API unsigned int ucs2_to_utf8(unsigned short* src, unsigned int src_len, unsigned char* dst,
+                                     unsigned int dst_size);
 
 // Converts one- to three-byte UTF-8 sequences to UCS-2 units, ending at a zero
 // byte, a byte that begins no such sequence, or a sequence cut short by
 // `src_len`. With `dst` null, returns the units needed; otherwise the units
 // written, at most `dst_len`. No terminating zero is written.
-TARVIK_API unsigned int utf8_to_ucs2(unsigned char* src, unsigned int src_len,
-                                     unsigned short* dst, unsigned int dst_len);
+TARVIK_API unsigned int utf8_to_ucs2(unsigned char* src, unsigned int src_len, unsigned short* dst,
+                                     unsigned int dst_len);
 
 // Decodes every sequence of `s` (zero bytes included) to one character of at
 // most 16 bits, ending before a sequence cut short by the end of `s`.

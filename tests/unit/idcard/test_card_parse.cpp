@@ -30,21 +30,22 @@ Fields fields(const IDCardData& c) {
 }
 
 // Every field at its full width, back to back, so a wrong offset or width shows.
-const std::wstring kFullText = std::wstring(L"买买提·艾力江·阿不都热合曼江") + L"1" + L"05" +
-                               L"19850214" +
-                               L"新疆维吾尔自治区乌鲁木齐市沙依巴克区西北路幸福花园小区十二号楼三单元5" +
-                               L"65010219850214123X" + L"乌鲁木齐市公安局沙依巴克区分局" +
-                               L"20150301" + L"20350301" + L"RESERVED0123456789";
-const Fields kFullFields = {L"买买提·艾力江·阿不都热合曼江",
-                            L"男",
-                            L"维吾尔",
-                            L"19850214",
-                            L"新疆维吾尔自治区乌鲁木齐市沙依巴克区西北路幸福花园小区十二号楼三单元5",
-                            L"65010219850214123X",
-                            L"乌鲁木齐市公安局沙依巴克区分局",
-                            L"20150301",
-                            L"20350301",
-                            L"RESERVED0123456789"};
+const std::wstring kFullText =
+    std::wstring(L"买买提·艾力江·阿不都热合曼江") + L"1" + L"05" + L"19850214" +
+    L"新疆维吾尔自治区乌鲁木齐市沙依巴克区西北路幸福花园小区十二号楼三单元5" +
+    L"65010219850214123X" + L"乌鲁木齐市公安局沙依巴克区分局" + L"20150301" + L"20350301" +
+    L"RESERVED0123456789";
+const Fields kFullFields = {
+    L"买买提·艾力江·阿不都热合曼江",
+    L"男",
+    L"维吾尔",
+    L"19850214",
+    L"新疆维吾尔自治区乌鲁木齐市沙依巴克区西北路幸福花园小区十二号楼三单元5",
+    L"65010219850214123X",
+    L"乌鲁木齐市公安局沙依巴克区分局",
+    L"20150301",
+    L"20350301",
+    L"RESERVED0123456789"};
 
 TEST(idcard_parse, FullBlockFillsEveryFieldUnderTheHeldLock) {
     ASSERT_EQ(kFullText.size(), 128u);
@@ -73,7 +74,8 @@ TEST(idcard_parse, OneFieldInABlankBlock) {
         {"only zero units", 0, std::wstring(15, L'\0'), 0, L""},
         {"other whitespace kept", 0, L" \tA\x3000 ", 0, L"\tA\x3000"},
         {"big-endian field", 0, L"\xFFFE\x4100\x4200" + std::wstring(12, 0x2000), 0,
-         L"\xFEFF" L"AB"},
+         L"\xFEFF"
+         L"AB"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);

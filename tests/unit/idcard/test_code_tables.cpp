@@ -18,12 +18,12 @@ TEST(idcard_tables, LookupMatchesWholeCodesOnly) {
         std::wstring code;
         std::wstring name;
     } cases[] = {
-        {sex, L"0", L"未知"},        {sex, L"9", L"未说明"},
-        {sex, L"3", L""},            {sex, L"01", L""},
-        {sex, L"", L""},             {nation, L"01", L"汉"},
-        {nation, L"56", L"基诺"},    {nation, L"98", L"外国血统中国籍人士"},
-        {nation, L"1", L""},         {nation, L"00", L""},
-        {nation, L"57", L""},        {nation, L"01 ", L""},
+        {sex, L"0", L"未知"},     {sex, L"9", L"未说明"},
+        {sex, L"3", L""},         {sex, L"01", L""},
+        {sex, L"", L""},          {nation, L"01", L"汉"},
+        {nation, L"56", L"基诺"}, {nation, L"98", L"外国血统中国籍人士"},
+        {nation, L"1", L""},      {nation, L"00", L""},
+        {nation, L"57", L""},     {nation, L"01 ", L""},
     };
     for (const auto& c : cases) {
         EXPECT_EQ((card.*c.lookup)(c.code), c.name) << c.code;

@@ -104,7 +104,10 @@ TEST(idcard_text, Utf8ToWstringKeepsSixteenBits) {
         {std::string("a\0b", 3), std::wstring(L"a\0b", 3)},
         {"\xF0\x9F\x98\x80", L"\xF600"},
         {"\xF8\x88\x80\x80", L"\x8000"},
-        {"a\xBF" "b", L"a\x3F" L"b"},
+        {"a\xBF"
+         "b",
+         L"a\x3F"
+         L"b"},
         {"a\xE4\xB8", L"a"},
     };
     for (const auto& c : cases) {
@@ -121,8 +124,8 @@ TEST(idcard_text, TrimTreatsOnlySpaceAsBlank) {
         {" \tx \xE3\x80\x80 ", "\tx \xE3\x80\x80 ", " \tx \xE3\x80\x80", "\tx \xE3\x80\x80",
          "\tx\xE3\x80\x80"},
     };
-    void (*const trims[])(std::string&) = {trim_left_space, trim_right_space,
-                                          trim_left_right_space, trim_all_space};
+    void (*const trims[])(std::string&) = {trim_left_space, trim_right_space, trim_left_right_space,
+                                           trim_all_space};
     for (const auto& c : cases) {
         const std::string expected[] = {c.left, c.right, c.both, c.all};
         for (int i = 0; i < 4; ++i) {
