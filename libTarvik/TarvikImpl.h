@@ -7,6 +7,7 @@
 
 #include <libusb.h>
 
+#include <array>
 #include <atomic>
 #include <vector>
 
@@ -70,7 +71,10 @@ TARVIK_API void print_devs(libusb_device** list);
 
 namespace tarvik {
 struct ImplAccess;  // internal test access; defined inside the library build only
+namespace sam {
+struct FirstAnswer;
 }
+}  // namespace tarvik
 
 class TARVIK_API TarvikImpl : public libTarvik {
 public:
@@ -152,6 +156,12 @@ public:
 
 private:
     friend struct tarvik::ImplAccess;
+
+    // The SAM exchange of ReadByExtItem, after the marker, with m_mutex held.
+    HRESULT ReadSamItem(const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out);
+    // Its data phase: the packet, its status and checksum, the delivery.
+    HRESULT ReceiveSamPacket(unsigned cmd, const tarvik::sam::FirstAnswer& answer,
+                             std::array<unsigned char, 60>& frame, _SAM_OUT_PARAM* out);
 
     libusb_context* m_pContext;
     libusb_device_handle* m_pDevHandle;

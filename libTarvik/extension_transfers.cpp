@@ -1,0 +1,145 @@
+// GET_CUR, SET_CUR and GET_LEN on the extension unit, each under m_mutex, and
+// the one-time transaction marker on selector 1.
+#include <vector>
+
+#include "TarvikImpl.h"
+#include "byte_pack.h"
+#include "frame_codec.h"
+#include "scoped_lock.h"
+#include "tarvik_log.h"
+#include "uvc_transport.h"
+
+namespace {
+constexpr int kNoHandle = 6;
+constexpr int kNotOpened = 11;
+constexpr unsigned kMarkerLength = 8;  // selector 1 is never asked for its length
+constexpr unsigned kValueBytes = 4;
+
+// 0 when exactly `length` bytes moved; otherwise libusb's result: a negative
+// error code, or the short count.
+int transferResult(int moved, int length) { return moved == length ? 0 : moved; }
+}  // namespace
+
+int TarvikImpl::read_from_uvc_extension(int selector, int length, unsigned char* data) {
+    if (m_pDevHandle == nullptr) {
+        return kNoHandle;
+    }
+    return transferResult(tarvik::transport::get_cur(m_pDevHandle, selector, data,
+                                                     static_cast<std::uint16_t>(length)),
+                          length);
+}
+
+int TarvikImpl::write_to_uvc_extension(int selector, int length, unsigned char* data) {
+    if (m_pDevHandle == nullptr) {
+        return kNoHandle;
+    }
+    return transferResult(tarvik::transport::set_cur(m_pDevHandle, selector, data,
+                                                     static_cast<std::uint16_t>(length)),
+                          length);
+}
+
+int TarvikImpl::check_dev_opened() { return m_pDevHandle != nullptr ? 0 : kNotOpened; }
+
+HRESULT TarvikImpl::_GetBytes(int selector, unsigned char* data, unsigned int length) {
+    tarvik::ScopedLock lock(m_mutex);
+    if (check_dev_opened() != 0) {
+        return kNotOpened;
+    }
+    return read_from_uvc_extension(selector, static_cast<int>(length), data);
+}
+
+HRESULT TarvikImpl::_SetBytes(int selector, unsigned char* data, unsigned int length) {
+    tarvik::ScopedLock lock(m_mutex);
+    if (check_dev_opened() != 0) {
+        return kNotOpened;
+    }
+    return write_to_uvc_extension(selector, static_cast<int>(length), data);
+}
+
+HRESULT TarvikImpl::_GetLength(int selector, unsigned int* length) {
+    tarvik::ScopedLock lock(m_mutex);
+    if (check_dev_opened() != 0) {
+        return kNotOpened;
+    }
+    if (selector == tarvik::frame::kMarkerSelector) {
+        *length = kMarkerLength;
+        return 0;
+    }
+    unsigned char answer[2] = {0, 0};
+    const int r = tarvik::transport::get_len(m_pDevHandle, selector, answer);
+    if (r < 0) {
+        return r;
+    }
+    // Bytes the camera did not send stay 0.
+    *length = answer[0] + 256u * answer[1];
+    return 0;
+}
+
+HRESULT TarvikImpl::_GetValue(int selector, unsigned int* value) {
+    if (value == nullptr) {
+        TLOG("get value: invalid input arg.\n");
+        return 1;
+    }
+    tarvik::ScopedLock lock(m_mutex);
+    if (check_dev_opened() != 0) {
+        return kNotOpened;
+    }
+    unsigned int length = 0;
+    if (const HRESULT r = _GetLength(selector, &length); r != 0) {
+        return r;
+    }
+    if (length < kValueBytes) {
+        tarvik::ReportAssertion("size >= 4", "_GetValue");
+        return 1;
+    }
+    std::vector<unsigned char> buffer(length, 0);
+    if (const int r = read_from_uvc_extension(selector, static_cast<int>(length), buffer.data());
+        r != 0) {
+        return r;
+    }
+    const int decoded = Byte2Int(buffer.data(), static_cast<int>(length));
+    TLOG("get value ok. id: %d, value: %d.\n", selector, decoded);
+    *value = static_cast<unsigned int>(decoded);
+    return 0;
+}
+
+HRESULT TarvikImpl::_SetValue(int selector, unsigned int value) {
+    tarvik::ScopedLock lock(m_mutex);
+    if (check_dev_opened() != 0) {
+        return kNotOpened;
+    }
+    unsigned int length = 0;
+    if (const HRESULT r = _GetLength(selector, &length); r != 0) {
+        return r;
+    }
+    if (length < kValueBytes) {
+        tarvik::ReportAssertion("size >= 4", "_SetValue");
+        return 1;
+    }
+    std::vector<unsigned char> buffer(length, 0);
+    Int2Byte(static_cast<int>(value), buffer.data(), static_cast<int>(length));
+    return write_to_uvc_extension(selector, static_cast<int>(length), buffer.data());
+}
+
+HRESULT TarvikImpl::SpecialOperator(unsigned int value) {
+    return _SetValue(tarvik::frame::kMarkerSelector, value);
+}
+
+HRESULT TarvikImpl::SetMarker() {
+    // Tested and set under the lock, so racing threads send the marker once.
+    tarvik::ScopedLock lock(m_mutex);
+    if (m_bMarkerSet) {
+        return 0;
+    }
+    const HRESULT r = SpecialOperator(0);
+    if (r != 0) {
+        TLOG("-----> SetMarker, hr=0x%x", static_cast<unsigned>(r));
+        return r;
+    }
+    m_bMarkerSet = true;
+    return 0;
+}
+
+HRESULT TarvikImpl::RecoveryMarker() { return 0; }
+
+HRESULT TarvikImpl::CheckDataSize() { return 0; }

@@ -1,0 +1,92 @@
+// Construction, destruction, the factory, the product type and the members
+// this camera does not provide.
+#include <new>
+
+#include "TarvikImpl.h"
+#include "tarvik_log.h"
+
+namespace {
+constexpr unsigned short kProductTypeUnknown = 0xFFFF;
+constexpr HRESULT kNotProvided = -2;
+}  // namespace
+
+TarvikImpl::TarvikImpl()
+    : m_pContext(nullptr),
+      m_pDevHandle(nullptr),
+      m_bKernelDetached(false),
+      m_mutex(),
+      m_bInnerOpened(false),
+      m_bMarkerSet(false),
+      m_nLastId(0),
+      m_vecValidDevices(),
+      m_nProductType(kProductTypeUnknown) {
+    InitializeValidPIdVId();
+    // __DATE__/__TIME__ follow SOURCE_DATE_EPOCH when it is set, so builds reproduce.
+    TLOG("libTarvik build time: %s %s", __DATE__, __TIME__);
+}
+
+TarvikImpl::TarvikImpl(libusb_device_handle* handle)
+    : m_pContext(nullptr),
+      m_pDevHandle(nullptr),
+      m_bKernelDetached(false),
+      m_mutex(),
+      m_bInnerOpened(false),
+      m_bMarkerSet(false),
+      m_nLastId(0),
+      m_vecValidDevices(),
+      m_nProductType(kProductTypeUnknown) {
+    InitializeValidPIdVId();
+    if (handle != nullptr) {
+        m_pDevHandle = handle;
+        TLOG("libTarvik: use outer handle [%p] directly.\n", static_cast<void*>(handle));
+    }
+    TLOG("libTarvik build time: %s %s", __DATE__, __TIME__);
+}
+
+TarvikImpl::~TarvikImpl() {
+    if (m_bInnerOpened) {
+        release_libusb();
+    }
+    m_bMarkerSet = false;
+    m_nProductType = kProductTypeUnknown;
+    m_vecValidDevices.clear();
+    m_vecValidDevices.shrink_to_fit();
+}
+
+HRESULT TarvikImpl::zq_ReadProductType(int* productType) {
+    if (productType == nullptr) {
+        return 1;
+    }
+    if (m_nProductType == kProductTypeUnknown) {
+        return -1;
+    }
+    *productType = static_cast<int>(static_cast<unsigned int>(m_nProductType));
+    return 0;
+}
+
+HRESULT TarvikImpl::zq_WriteBeep(unsigned int) { return kNotProvided; }
+HRESULT TarvikImpl::zq_WriteLed(const _LED_CONTROL_PARAM&) { return kNotProvided; }
+HRESULT TarvikImpl::zq_WriteStatusLed(const _STATUS_LED_PARAM&) { return kNotProvided; }
+HRESULT TarvikImpl::zq_ReadI2C(_I2C_PARAM*) { return kNotProvided; }
+HRESULT TarvikImpl::zq_WriteI2C(const _I2C_PARAM&) { return kNotProvided; }
+HRESULT TarvikImpl::zq_ReadSAM(const _SAM_IN_PARAM*, _SAM_OUT_PARAM*) { return kNotProvided; }
+HRESULT TarvikImpl::zq_WriteUVCMode(int) { return kNotProvided; }
+HRESULT TarvikImpl::zq_ReadET(_DUAL_ET_PARAM*) { return kNotProvided; }
+HRESULT TarvikImpl::zq_WriteET(const _DUAL_ET_PARAM&) { return kNotProvided; }
+int TarvikImpl::open_v4l2_device(const char*) { return -1; }
+void TarvikImpl::close_v4l2_device(int) {}
+
+extern "C" TARVIK_API libTarvik* zq_CreateTarvik(libusb_device_handle* outerHandle, int bus,
+                                                 int deviceAddress) {
+    if (outerHandle != nullptr) {
+        return new TarvikImpl(outerHandle);
+    }
+    auto* impl = new TarvikImpl();
+    if (impl->CreateUsbHandle(bus, deviceAddress) != 0) {
+        delete impl;
+        return nullptr;
+    }
+    return impl;
+}
+
+extern "C" TARVIK_API void zq_ReleaseTarvik(libTarvik* plugin) { delete plugin; }

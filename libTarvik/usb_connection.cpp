@@ -1,0 +1,170 @@
+// Finding, opening and releasing the camera when the library opens it itself.
+#include <cerrno>
+#include <cstdio>
+
+#include "TarvikImpl.h"
+#include "tarvik_log.h"
+
+namespace {
+
+constexpr int kInterface = 0;  // the VideoControl interface, which carries the extension unit
+constexpr int kAnyBusOrAddress = -1;
+constexpr int kLibusbLogLevelInfo = 3;
+
+// The "libusb errno=%d, %s, %s" part of a failure message: the C library's
+// errno at the time of logging, negated, with libusb's name and text for it.
+struct UsbErrno {
+    int code;
+    const char* name;
+    const char* text;
+};
+
+UsbErrno usbErrnoNow() {
+    const int code = -errno;
+    return {code, libusb_error_name(code), libusb_strerror(code)};
+}
+
+void printDeviceLine(const libusb_device_descriptor& desc, libusb_device* dev) {
+    std::printf("vid:pid[0x%04x:0x%04x] (bus %d, device %d)\n", desc.idVendor, desc.idProduct,
+                libusb_get_bus_number(dev), libusb_get_device_address(dev));
+}
+
+}  // namespace
+
+void TarvikImpl::InitializeValidPIdVId() {
+    m_vecValidDevices.clear();
+    m_vecValidDevices.push_back(pm_usb_device_desc{0x0AC8, 0x010C});
+    m_nProductType = 1;
+}
+
+HRESULT TarvikImpl::CreateUsbHandle(int bus, int deviceAddress) {
+    if (m_pDevHandle != nullptr) {
+        return 0;
+    }
+    const int r = initialize_libusb(bus, deviceAddress);
+    TLOG("libTarvik: sdk inner open device %s.\n", r == 0 ? "ok" : "failed");
+    return r == 0 ? 0 : 11;
+}
+
+int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
+    TLOG("libTarvik: libusb_init...\n");
+    if (libusb_init(&m_pContext) < 0) {
+        const UsbErrno e = usbErrnoNow();
+        TLOG("libTarvik: libusb_init failed. libusb errno=%d, %s, %s.\n", e.code, e.name, e.text);
+        m_pContext = nullptr;
+        return -1;
+    }
+    libusb_set_option(m_pContext, LIBUSB_OPTION_LOG_LEVEL, kLibusbLogLevelInfo);
+
+    TLOG("libTarvik: libusb_get_device_list...\n");
+    libusb_device** list = nullptr;
+    const ssize_t count = libusb_get_device_list(m_pContext, &list);
+    if (count < 0) {
+        const UsbErrno e = usbErrnoNow();
+        TLOG("libTarvik: libusb_get_device_list failed. libusb errno=%d, %s, %s.\n", e.code, e.name,
+             e.text);
+        release_libusb();
+        return -1;
+    }
+
+    // One -1 switches off both the bus and the address test.
+    const bool wildcard = bus == kAnyBusOrAddress || deviceAddress == kAnyBusOrAddress;
+    libusb_device* chosen = nullptr;
+    for (ssize_t i = 0; i < count && chosen == nullptr; ++i) {
+        libusb_device* dev = list[i];
+        libusb_device_descriptor desc{};
+        if (libusb_get_device_descriptor(dev, &desc) != 0) {
+            const UsbErrno e = usbErrnoNow();
+            std::fprintf(stderr,
+                         "libTarvik: libusb_get_device_descriptor failed. libusb errno=%d, %s, %s.\n",
+                         e.code, e.name, e.text);
+            continue;
+        }
+        printDeviceLine(desc, dev);
+        for (const pm_usb_device_desc& valid : m_vecValidDevices) {
+            if (desc.idProduct != valid.pid || desc.idVendor != valid.vid) {
+                continue;
+            }
+            const int devBus = libusb_get_bus_number(dev);
+            const int devAddress = libusb_get_device_address(dev);
+            if (wildcard) {
+                std::printf("ok, found, 0x%04x:0x%04x (bus %d, device %d)\n", desc.idVendor,
+                            desc.idProduct, devBus, devAddress);
+            } else if (devBus == bus && devAddress == deviceAddress) {
+                std::printf("ok, matched, 0x%04x:0x%04x (bus %d, device %d)\n", desc.idVendor,
+                            desc.idProduct, devBus, devAddress);
+            } else {
+                continue;
+            }
+            chosen = dev;
+            break;
+        }
+    }
+
+    if (chosen == nullptr) {
+        libusb_free_device_list(list, 1);
+        const UsbErrno e = usbErrnoNow();
+        TLOG("libTarvik: not found, bus: %d dev: %d. libusb errno=%d, %s, %s.\n", bus,
+             deviceAddress, e.code, e.name, e.text);
+        release_libusb();
+        return -1;
+    }
+
+    libusb_device_handle* handle = nullptr;
+    const int openResult = libusb_open(chosen, &handle);
+    libusb_free_device_list(list, 1);  // the open handle keeps its own reference
+    if (openResult < 0 || handle == nullptr) {
+        const UsbErrno e = usbErrnoNow();
+        TLOG("libTarvik: found, but libusb_open failed. libusb errno=%d, %s, %s.\n", e.code, e.name,
+             e.text);
+        release_libusb();
+        return -1;
+    }
+
+    if (libusb_kernel_driver_active(handle, kInterface) != 0) {
+        if (libusb_detach_kernel_driver(handle, kInterface) != 0) {
+            const UsbErrno e = usbErrnoNow();
+            TLOG("libTarvik: libusb_detach_kernel_driver error. libusb errno=%d, %s, %s.\n", e.code,
+                 e.name, e.text);
+            libusb_close(handle);
+            release_libusb();
+            return -1;
+        }
+        m_bKernelDetached = true;
+    }
+
+    m_bInnerOpened = true;
+    m_pDevHandle = handle;
+    TLOG("libTarvik: initialize_libusb ok.\n");
+    return 0;
+}
+
+void TarvikImpl::release_libusb() {
+    if (m_bKernelDetached && m_pDevHandle != nullptr) {
+        libusb_attach_kernel_driver(m_pDevHandle, kInterface);
+    }
+    m_bKernelDetached = false;
+    if (m_pDevHandle != nullptr) {
+        libusb_close(m_pDevHandle);
+        m_pDevHandle = nullptr;
+    }
+    if (m_pContext != nullptr) {  // libusb_exit(null) would end the default context
+        libusb_exit(m_pContext);
+        m_pContext = nullptr;
+    }
+    TLOG("libTarvik: release_libusb.\n");
+}
+
+void print_devs(libusb_device** list) {
+    if (list == nullptr) {
+        return;
+    }
+    for (libusb_device** it = list; *it != nullptr; ++it) {
+        libusb_device_descriptor desc{};
+        if (libusb_get_device_descriptor(*it, &desc) < 0) {
+            std::fprintf(stderr, "failed to get device descriptor");
+            return;
+        }
+        printDeviceLine(desc, *it);
+    }
+}
