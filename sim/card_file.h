@@ -1,0 +1,20 @@
+// Identity cards for the simulated SAM, from small JSON files:
+//   { "name": "张三", "sex": "1", "nation": "01", "birth": "19900101",
+//     "address": "...", "id_number": "...", "authority": "...",
+//     "valid_from": "20200101", "valid_to": "20300101", "reserved": "",
+//     "photo_hex": "0102...", "fingerprint_hex": "..." }
+// Text is UTF-8; sex and nation are the code digits. Keys left out keep the default card's
+// values; photo_hex / fingerprint_hex give the raw blocks (up to 1024 bytes each).
+#pragma once
+
+#include <string>
+
+#include "camera_state.h"
+
+namespace tarvik::sim {
+
+// Both throw std::runtime_error with a readable message on a bad file or text.
+IdentityCard ParseCardJson(const std::string& text);
+IdentityCard LoadCardFile(const std::string& path);
+
+}  // namespace tarvik::sim
