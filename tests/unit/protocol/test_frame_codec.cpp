@@ -182,26 +182,6 @@ INSTANTIATE_TEST_SUITE_P(Items, ReadAnswer,
                              AnswerCase{"VcmFromSix", EXT_ITEM_VCM, from(6, 7)}),
                          ByName());
 
-TEST(ReadAnswerEt, FieldsAreNativeValues) {
-    Frame a{};
-    const Bytes left = {0x78, 0x56, 0x34, 0x12, 2,  0,  0,  0,  1,  0,  0,
-                        0,    0xCD, 0xAB, 10,   11, 12, 13, 14, 15, 16, 17};
-    std::copy(left.begin(), left.end(), a.begin() + 4);
-    a[32] = 0xFF;
-    a[33] = 0xFF;
-    a[32 + 13] = 0x80;  // right extra, high byte
-    _DUAL_ET_PARAM et{};
-    ASSERT_TRUE(frame::decode_read_answer(EXT_ITEM_ET, a, nullptr, &et));
-    EXPECT_EQ(et.left.et, 0x12345678u);
-    EXPECT_EQ(et.left.etMax, 2u);
-    EXPECT_EQ(et.left.etMin, 1u);
-    EXPECT_EQ(et.left.extra, 0xABCD);
-    EXPECT_EQ(et.left.flags[0], 10);
-    EXPECT_EQ(et.left.flags[7], 17);
-    EXPECT_EQ(et.right.et, 0xFFFFu);
-    EXPECT_EQ(et.right.extra, 0x8000);
-}
-
 struct DataBlockCase {
     std::uint8_t length;
     unsigned copied;

@@ -155,17 +155,6 @@ INSTANTIATE_TEST_SUITE_P(Lengths, PacketJoin,
                                          JoinCase{102, 4096, 1}, JoinCase{103, 4096, 2},
                                          JoinCase{2313, 4096, 44}, JoinCase{4093, 4096, 78}));
 
-TEST(PacketJoin, MissingCountsDownFrameByFrame) {
-    const std::vector<Frame> frames = frames_of(packet_stream(120));  // T = 122
-    sam::PacketAssembler a;
-    ASSERT_TRUE(a.start(frames[0], 4096));
-    EXPECT_EQ(a.missing(), 70u);
-    a.append(frames[1]);
-    EXPECT_EQ(a.missing(), 18u);
-    a.append(frames[2]);
-    EXPECT_EQ(a.missing(), 0u);
-}
-
 struct RejectCase {
     std::uint16_t dataLen;
     unsigned buffer;
