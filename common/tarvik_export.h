@@ -4,5 +4,7 @@
 #define TARVIK_EXPORT_H
 
 #define TARVIK_API __attribute__((visibility("default")))
+// Members of an exported class that are not part of the ABI.
+#define TARVIK_HIDDEN __attribute__((visibility("hidden")))
 
 #endif

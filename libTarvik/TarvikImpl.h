@@ -158,9 +158,9 @@ private:
     friend struct tarvik::ImplAccess;
 
     // The SAM exchange of ReadByExtItem, after the marker, with m_mutex held.
-    HRESULT ReadSamItem(const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out);
+    TARVIK_HIDDEN HRESULT ReadSamItem(const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out);
     // Its data phase: the packet, its status and checksum, the delivery.
-    HRESULT ReceiveSamPacket(unsigned cmd, const tarvik::sam::FirstAnswer& answer,
+    TARVIK_HIDDEN HRESULT ReceiveSamPacket(unsigned cmd, const tarvik::sam::FirstAnswer& answer,
                              std::array<unsigned char, 60>& frame, _SAM_OUT_PARAM* out);
 
     libusb_context* m_pContext;
