@@ -24,4 +24,7 @@ for preset in "${presets[@]}"; do
   cmake --preset "${preset}"
   cmake --build --preset "${preset}"
   ctest --preset "${preset}"
+  if [ "${preset}" = debug ]; then
+    scripts/check-install.sh "build/${preset}"
+  fi
 done
