@@ -20,6 +20,11 @@ namespace {
 constexpr char kKernelDriverName[] = "uvcvideo";
 constexpr size_t kSetupLength = 8;
 
+std::mutex& PublicationLock() {
+    static std::mutex lock;  // constant-initialised: no thread can see it half-made
+    return lock;
+}
+
 struct DataRef {  // owns one reference to umockdev ioctl data
     UMockdevIoctlData* p;
     explicit DataRef(UMockdevIoctlData* data) : p(data) {}
@@ -82,11 +87,16 @@ UsbDeviceNode::UsbDeviceNode(std::shared_ptr<CameraModel> model, bool kernelDriv
     : m_model(std::move(model)), m_driverBound(kernelDriverBound) {
     m_handler = umockdev_ioctl_base_new();
     g_signal_connect(m_handler, "handle-ioctl", G_CALLBACK(&UsbDeviceNode::OnIoctl), this);
+    // The handler runs on umockdev's worker thread, which learns of this node through GLib's
+    // own (uninstrumented) synchronisation. Passing through a lock that exists before any node
+    // makes the hand-over visible to the thread sanitizer too.
+    std::lock_guard<std::mutex> publish(PublicationLock());
 }
 
 UsbDeviceNode::~UsbDeviceNode() {
     g_signal_handlers_disconnect_by_data(m_handler, this);
     g_object_unref(m_handler);
+    std::lock_guard<std::mutex> lock(m_mutex);
     for (InFlight& f : m_flying) g_object_unref(f.urb);
     for (InFlight& f : m_discarded) g_object_unref(f.urb);
 }
@@ -139,8 +149,11 @@ int UsbDeviceNode::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void
 
 bool UsbDeviceNode::HandleIoctl(UMockdevIoctlClient* client) {
     const unsigned long request = umockdev_ioctl_client_get_request(client);
-    const bool gone = m_model != nullptr && m_model->Gone();
+    {
+        std::lock_guard<std::mutex> published(PublicationLock());
+    }
     std::lock_guard<std::mutex> lock(m_mutex);
+    const bool gone = m_model != nullptr && m_model->Gone();
     if (gone && request != USBDEVFS_REAPURBNDELAY && request != USBDEVFS_REAPURB &&
         request != USBDEVFS_DISCARDURB) {
         umockdev_ioctl_client_complete(client, -1, ENODEV);
