@@ -375,7 +375,8 @@ CameraModel::PendingAnswer CameraModel::AnswerRead(const Frame& request) {
             std::copy(request.begin() + 8, request.begin() + 12, p + 4);
             for (size_t i = 0; i < kDataBlockMax; ++i) {
                 auto it = s.dataMemory.find({target, offset + i});
-                p[8 + i] = it != s.dataMemory.end() ? it->second : DefaultDataByte(target, offset + i);
+                p[8 + i] =
+                    it != s.dataMemory.end() ? it->second : DefaultDataByte(target, offset + i);
             }
             break;
         }

@@ -92,8 +92,9 @@ struct SamState {
     // When set, the packet's length field; the data are cut or padded (with a counting
     // pattern) to dataLen - 4 bytes, and the checksum is computed over what is sent.
     std::optional<uint16_t> dataLen;
-    std::map<uint8_t, std::vector<uint8_t>> commandData;  // data of commands 0 and 1 (and overrides)
-    std::map<uint8_t, int16_t> resultOfCommand;           // samResult of commands 6 and 7
+    std::map<uint8_t, std::vector<uint8_t>>
+        commandData;                             // data of commands 0 and 1 (and overrides)
+    std::map<uint8_t, int16_t> resultOfCommand;  // samResult of commands 6 and 7
 };
 
 struct CameraState {

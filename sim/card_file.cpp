@@ -47,7 +47,8 @@ IdentityCard ParseCardJson(const std::string& text) {
     for (const auto& [key, member] : fields) {
         auto it = doc.find(key);
         if (it == doc.end()) continue;
-        if (!it->is_string()) throw std::runtime_error(std::string("card: ") + key + " must be a string");
+        if (!it->is_string())
+            throw std::runtime_error(std::string("card: ") + key + " must be a string");
         card.*member = it->get<std::string>();
     }
     if (auto it = doc.find("photo_hex"); it != doc.end() && it->is_string()) {

@@ -8,13 +8,13 @@
 namespace tarvik::sim {
 
 enum class FaultKind {
-    kStall,       // the transfer stalls: LIBUSB_ERROR_PIPE
-    kGone,        // the device is gone for this transfer: LIBUSB_ERROR_NO_DEVICE
-    kGoneForGood, // the device is gone from now on: every later request fails with ENODEV
-    kShort,       // `shortBy` bytes fewer are moved than asked (a short SET_CUR is not acted on)
-    kDelay,       // completion is held back by `delay`; with a shorter host timeout
-                  // libusb reports LIBUSB_ERROR_TIMEOUT (the camera still acts on the request)
-    kGarbage,     // an IN transfer answers pseudo-random bytes of the full length
+    kStall,        // the transfer stalls: LIBUSB_ERROR_PIPE
+    kGone,         // the device is gone for this transfer: LIBUSB_ERROR_NO_DEVICE
+    kGoneForGood,  // the device is gone from now on: every later request fails with ENODEV
+    kShort,        // `shortBy` bytes fewer are moved than asked (a short SET_CUR is not acted on)
+    kDelay,        // completion is held back by `delay`; with a shorter host timeout
+                   // libusb reports LIBUSB_ERROR_TIMEOUT (the camera still acts on the request)
+    kGarbage,      // an IN transfer answers pseudo-random bytes of the full length
 };
 
 enum class Direction { kAny, kIn, kOut };
@@ -26,10 +26,10 @@ struct Fault {
     FaultKind kind = FaultKind::kStall;
     int selector = 14;  // kAnySelector for every selector
     Direction direction = Direction::kAny;
-    int request = kAnyRequest;  // bRequest (e.g. kGetCur) or kAnyRequest
-    int count = 1;              // matching transfers hit
-    int skip = 0;               // matching transfers let through before the first hit
-    int shortBy = 0;            // for kShort
+    int request = kAnyRequest;               // bRequest (e.g. kGetCur) or kAnyRequest
+    int count = 1;                           // matching transfers hit
+    int skip = 0;                            // matching transfers let through before the first hit
+    int shortBy = 0;                         // for kShort
     std::chrono::milliseconds delay{60000};  // for kDelay
 };
 

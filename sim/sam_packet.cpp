@@ -12,8 +12,8 @@ struct TextField {
 };
 
 constexpr TextField kTextFields[] = {
-    {&IdentityCard::name, 15},     {&IdentityCard::sex, 1},        {&IdentityCard::nation, 2},
-    {&IdentityCard::birth, 8},     {&IdentityCard::address, 35},   {&IdentityCard::idNumber, 18},
+    {&IdentityCard::name, 15},      {&IdentityCard::sex, 1},       {&IdentityCard::nation, 2},
+    {&IdentityCard::birth, 8},      {&IdentityCard::address, 35},  {&IdentityCard::idNumber, 18},
     {&IdentityCard::authority, 15}, {&IdentityCard::validFrom, 8}, {&IdentityCard::validTo, 8},
     {&IdentityCard::reserved, 18},
 };

@@ -176,7 +176,8 @@ int Run(const Options& o) {
     // Like system(): the terminal's interrupt belongs to the child.
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;
-    struct sigaction oldInt {}, oldQuit {};
+    struct sigaction oldInt {
+    }, oldQuit{};
     sigaction(SIGINT, &ignore, &oldInt);
     sigaction(SIGQUIT, &ignore, &oldQuit);
 

@@ -10,11 +10,11 @@
 namespace tarvik::sim {
 
 struct Transfer {
-    SetupPacket setup;          // bmRequestType, bRequest, wValue, wIndex, wLength
-    std::vector<uint8_t> out;   // data the host sent (OUT transfers; wLength bytes)
-    std::vector<uint8_t> in;    // data the host received (IN transfers; what was moved)
+    SetupPacket setup;         // bmRequestType, bRequest, wValue, wIndex, wLength
+    std::vector<uint8_t> out;  // data the host sent (OUT transfers; wLength bytes)
+    std::vector<uint8_t> in;   // data the host received (IN transfers; what was moved)
     TransferStatus status = TransferStatus::kCompleted;
-    size_t actualLength = 0;    // bytes moved, as the host saw it (0 unless completed)
+    size_t actualLength = 0;  // bytes moved, as the host saw it (0 unless completed)
 
     uint8_t selector() const { return setup.selector(); }
     bool isIn() const { return setup.isIn(); }

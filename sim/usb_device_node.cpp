@@ -69,9 +69,10 @@ const char* RequestName(const SetupPacket& s) {
 
 std::string Describe(const Transfer& t) {
     char head[160];
-    std::snprintf(head, sizeof head, "%s (%02x %02x %04x %04x %u) sel %u -> %s %zu", RequestName(t.setup),
-                  t.setup.bmRequestType, t.setup.bRequest, t.setup.wValue, t.setup.wIndex,
-                  t.setup.wLength, t.selector(), ToString(t.status), t.actualLength);
+    std::snprintf(head, sizeof head, "%s (%02x %02x %04x %04x %u) sel %u -> %s %zu",
+                  RequestName(t.setup), t.setup.bmRequestType, t.setup.bRequest, t.setup.wValue,
+                  t.setup.wIndex, t.setup.wLength, t.selector(), ToString(t.status),
+                  t.actualLength);
     std::string text = head;
     const std::vector<uint8_t>& data = t.isIn() ? t.in : t.out;
     text += " [";
@@ -149,9 +150,7 @@ int UsbDeviceNode::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void
 
 bool UsbDeviceNode::HandleIoctl(UMockdevIoctlClient* client) {
     const unsigned long request = umockdev_ioctl_client_get_request(client);
-    {
-        std::lock_guard<std::mutex> published(PublicationLock());
-    }
+    { std::lock_guard<std::mutex> published(PublicationLock()); }
     std::lock_guard<std::mutex> lock(m_mutex);
     const bool gone = m_model != nullptr && m_model->Gone();
     if (gone && request != USBDEVFS_REAPURBNDELAY && request != USBDEVFS_REAPURB &&
@@ -163,7 +162,8 @@ bool UsbDeviceNode::HandleIoctl(UMockdevIoctlClient* client) {
         case USBDEVFS_GET_CAPABILITIES: {
             DataRef caps(umockdev_ioctl_data_resolve(umockdev_ioctl_client_get_arg(client), 0,
                                                      sizeof(uint32_t), nullptr));
-            const uint32_t value = USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
+            const uint32_t value = USBDEVFS_CAP_BULK_CONTINUATION |
+                                   USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
                                    USBDEVFS_CAP_REAP_AFTER_DISCONNECT | USBDEVFS_CAP_ZERO_PACKET;
             std::memcpy(caps.p->data, &value, sizeof value);
             umockdev_ioctl_client_complete(client, 0, 0);
@@ -243,7 +243,8 @@ void UsbDeviceNode::Submit(UMockdevIoctlClient* client) {
     DataRef urbData(umockdev_ioctl_data_resolve(umockdev_ioctl_client_get_arg(client), 0,
                                                 sizeof(usbdevfs_urb), nullptr));
     auto* urb = reinterpret_cast<usbdevfs_urb*>(urbData.p->data);
-    if (urb->type != USBDEVFS_URB_TYPE_CONTROL || urb->buffer_length < static_cast<int>(kSetupLength)) {
+    if (urb->type != USBDEVFS_URB_TYPE_CONTROL ||
+        urb->buffer_length < static_cast<int>(kSetupLength)) {
         umockdev_ioctl_client_complete(client, -1, EINVAL);
         return;
     }
@@ -258,7 +259,8 @@ void UsbDeviceNode::Submit(UMockdevIoctlClient* client) {
         return;
     }
     if (!t.setup.isIn()) {
-        t.out.assign(buffer.p->data + kSetupLength, buffer.p->data + kSetupLength + t.setup.wLength);
+        t.out.assign(buffer.p->data + kSetupLength,
+                     buffer.p->data + kSetupLength + t.setup.wLength);
     }
 
     Reply reply;
@@ -277,7 +279,8 @@ void UsbDeviceNode::Submit(UMockdevIoctlClient* client) {
         const size_t n = std::min(reply.actualLength, static_cast<size_t>(t.setup.wLength));
         t.actualLength = n;
         if (t.setup.isIn()) {
-            t.in.assign(reply.data.begin(), reply.data.begin() + static_cast<long>(std::min(n, reply.data.size())));
+            t.in.assign(reply.data.begin(),
+                        reply.data.begin() + static_cast<long>(std::min(n, reply.data.size())));
             std::memcpy(buffer.p->data + kSetupLength, t.in.data(), t.in.size());
         }
     }

@@ -22,12 +22,14 @@ int Fail(const char* what, int code = 0) {
 
 bool Request(libusb_device_handle* h, const std::vector<unsigned char>& frame) {
     auto copy = frame;
-    return libusb_control_transfer(h, 0x21, 0x01, kChannel, kUnit, copy.data(), 60, kTimeoutMs) == 60;
+    return libusb_control_transfer(h, 0x21, 0x01, kChannel, kUnit, copy.data(), 60, kTimeoutMs) ==
+           60;
 }
 
 bool Answer(libusb_device_handle* h, std::vector<unsigned char>& frame) {
     frame.assign(60, 0);
-    return libusb_control_transfer(h, 0xA1, 0x81, kChannel, kUnit, frame.data(), 60, kTimeoutMs) == 60;
+    return libusb_control_transfer(h, 0xA1, 0x81, kChannel, kUnit, frame.data(), 60, kTimeoutMs) ==
+           60;
 }
 
 std::vector<unsigned char> ReadRequest(unsigned item) {
@@ -50,7 +52,8 @@ int Exchange(libusb_device_handle* h) {
     sam[8] = 3;
     sam[12] = 1;
     if (!Request(h, sam) || !Answer(h, frame)) return Fail("SAM first frame");
-    if (frame[4] != 3 || frame[5] != 0 || frame[6] != 0 || frame[7] != 0) return Fail("SAM echo/result");
+    if (frame[4] != 3 || frame[5] != 0 || frame[6] != 0 || frame[7] != 0)
+        return Fail("SAM echo/result");
     const size_t total = ((frame[8] << 8) | frame[9]) + 2u;
     if (total != 1290) return Fail("SAM packet length", static_cast<int>(total));
     std::vector<unsigned char> packet;
@@ -98,7 +101,8 @@ int main(int argc, char** argv) {
         Fail("libusb_open", r);
     } else if ((r = libusb_kernel_driver_active(h, 0)) != 1) {
         Fail("kernel driver not bound", r);
-    } else if ((r = libusb_detach_kernel_driver(h, 0)) != 0 || libusb_kernel_driver_active(h, 0) != 0) {
+    } else if ((r = libusb_detach_kernel_driver(h, 0)) != 0 ||
+               libusb_kernel_driver_active(h, 0) != 0) {
         Fail("detach", r);
     } else {
         status = Exchange(h);

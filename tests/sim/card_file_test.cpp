@@ -1,8 +1,8 @@
+#include "card_file.h"
+
 #include <gtest/gtest.h>
 
 #include <stdexcept>
-
-#include "card_file.h"
 
 namespace tarvik::sim {
 namespace {
@@ -22,8 +22,8 @@ TEST(CardFile, KeysLeftOutKeepTheDefaultsAndHexGivesBlocks) {
 }
 
 TEST(CardFile, BadInputIsReported) {
-    for (const char* text : {"[1]", "{", R"({"name": 5})", R"({"photo_hex": "0g"})",
-                             R"({"photo_hex": "abc"})"}) {
+    for (const char* text :
+         {"[1]", "{", R"({"name": 5})", R"({"photo_hex": "0g"})", R"({"photo_hex": "abc"})"}) {
         EXPECT_THROW(ParseCardJson(text), std::runtime_error) << text;
     }
     EXPECT_THROW(LoadCardFile("/nonexistent/card.json"), std::runtime_error);

@@ -46,7 +46,8 @@ protected:
         libusb_device** list = nullptr;
         const ssize_t n = libusb_get_device_list(m_ctx, &list);
         for (ssize_t i = 0; i < n; ++i) {
-            if (libusb_get_bus_number(list[i]) == bus && libusb_get_device_address(list[i]) == address) {
+            if (libusb_get_bus_number(list[i]) == bus &&
+                libusb_get_device_address(list[i]) == address) {
                 EXPECT_EQ(libusb_open(list[i], &m_handle), 0);
             }
         }
@@ -55,8 +56,9 @@ protected:
     }
     int Control(uint8_t type, uint8_t request, uint16_t selector, std::vector<uint8_t>& data,
                 uint16_t index = 0x0500) {
-        return libusb_control_transfer(m_handle, type, request, static_cast<uint16_t>(selector << 8),
-                                       index, data.data(), static_cast<uint16_t>(data.size()), kTimeout);
+        return libusb_control_transfer(m_handle, type, request,
+                                       static_cast<uint16_t>(selector << 8), index, data.data(),
+                                       static_cast<uint16_t>(data.size()), kTimeout);
     }
 
     Testbed m_bed;
@@ -68,9 +70,9 @@ TEST_F(Bridge, ShowsEveryDeviceWhereItWasPut) {
     m_bed.AddCamera(1, 2);
     m_bed.AddCamera(3, 17, false);
     m_bed.AddOtherDevice(1, 5, 0x1234, 0x5678);
-    EXPECT_EQ(Enumerate(), (std::set<Found>{{0x0AC8, 0x010C, 1, 2},
-                                            {0x0AC8, 0x010C, 3, 17},
-                                            {0x1234, 0x5678, 1, 5}}));
+    EXPECT_EQ(
+        Enumerate(),
+        (std::set<Found>{{0x0AC8, 0x010C, 1, 2}, {0x0AC8, 0x010C, 3, 17}, {0x1234, 0x5678, 1, 5}}));
     EXPECT_THROW(m_bed.AddCamera(1, 2), std::runtime_error);
 }
 

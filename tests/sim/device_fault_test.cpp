@@ -62,11 +62,12 @@ INSTANTIATE_TEST_SUITE_P(
     Kinds, FaultAtLibusb,
     ::testing::Values(
         FaultCase{"Stall", Aimed(FaultKind::kStall), LIBUSB_ERROR_PIPE, TransferStatus::kStalled},
-        FaultCase{"Gone", Aimed(FaultKind::kGone), LIBUSB_ERROR_NO_DEVICE, TransferStatus::kNoDevice},
-        FaultCase{"Short",
-                  Fault{FaultKind::kShort, 14, Direction::kIn, kAnyRequest, 1, 0, 30}, 30,
+        FaultCase{"Gone", Aimed(FaultKind::kGone), LIBUSB_ERROR_NO_DEVICE,
+                  TransferStatus::kNoDevice},
+        FaultCase{"Short", Fault{FaultKind::kShort, 14, Direction::kIn, kAnyRequest, 1, 0, 30}, 30,
                   TransferStatus::kCompleted},
-        FaultCase{"Delay", Aimed(FaultKind::kDelay), LIBUSB_ERROR_TIMEOUT, TransferStatus::kDiscarded},
+        FaultCase{"Delay", Aimed(FaultKind::kDelay), LIBUSB_ERROR_TIMEOUT,
+                  TransferStatus::kDiscarded},
         FaultCase{"StallTwice", Fault{FaultKind::kStall, 14, Direction::kIn, kAnyRequest, 2},
                   LIBUSB_ERROR_PIPE, TransferStatus::kStalled}),
     [](const auto& param_info) { return std::string(param_info.param.name); });

@@ -10,9 +10,9 @@ namespace tarvik::sim {
 namespace {
 
 using host::Bytes;
+using host::GetCur;
 using host::ReadRequest;
 using host::SetCur;
-using host::GetCur;
 using host::Transact;
 using host::WriteRequest;
 
@@ -23,8 +23,8 @@ struct Span {
 struct RoundTrip {
     const char* name;
     uint16_t item;
-    std::vector<Span> written;  // write-request bytes carrying data
-    std::vector<Span> answered; // where the same bytes come back in the answer, in order
+    std::vector<Span> written;            // write-request bytes carrying data
+    std::vector<Span> answered;           // where the same bytes come back in the answer, in order
     std::function<void(Frame&)> request;  // read-request parameters
 };
 
@@ -60,22 +60,22 @@ TEST_P(ItemRoundTrip, WrittenBytesComeBackWhereTheReadTakesThem) {
 void DataBlockAddress(Frame& f) {
     const bool isRead = (GetLe16(&f[0]) & 0x0FFF) == 0;
     const size_t at = isRead ? 8 : 4;
-    f[at] = 0x07;                    // target
-    f[at + 1] = 20;                  // length
-    PutLe16(&f[at + 2], 0x1230);     // offset
+    f[at] = 0x07;                 // target
+    f[at + 1] = 20;               // length
+    PutLe16(&f[at + 2], 0x1230);  // offset
 }
 void VcmMode(Frame& f) { f[8] = 0x02; }
 
 INSTANTIATE_TEST_SUITE_P(
     Items, ItemRoundTrip,
-    ::testing::Values(
-        RoundTrip{"Et", kItemEt, {{4, 25}, {32, 53}}, {{4, 25}, {32, 53}}, nullptr},
-        RoundTrip{"MjpegQp", kItemMjpegQp, {{4, 19}}, {{4, 19}}, nullptr},
-        RoundTrip{"Roi", kItemRoi, {{4, 19}}, {{4, 19}}, nullptr},
-        RoundTrip{"DeviceSn", kItemDeviceSn, {{4, 23}}, {{4, 23}}, nullptr},
-        RoundTrip{"DeviceId", kItemDeviceId, {{4, 23}}, {{4, 23}}, nullptr},
-        RoundTrip{"Vcm", kItemVcm, {{4, 7}}, {{4, 7}}, VcmMode},
-        RoundTrip{"DataBlock", kItemDataBlock, {{8, 27}}, {{8, 27}}, DataBlockAddress}),
+    ::testing::Values(RoundTrip{"Et", kItemEt, {{4, 25}, {32, 53}}, {{4, 25}, {32, 53}}, nullptr},
+                      RoundTrip{"MjpegQp", kItemMjpegQp, {{4, 19}}, {{4, 19}}, nullptr},
+                      RoundTrip{"Roi", kItemRoi, {{4, 19}}, {{4, 19}}, nullptr},
+                      RoundTrip{"DeviceSn", kItemDeviceSn, {{4, 23}}, {{4, 23}}, nullptr},
+                      RoundTrip{"DeviceId", kItemDeviceId, {{4, 23}}, {{4, 23}}, nullptr},
+                      RoundTrip{"Vcm", kItemVcm, {{4, 7}}, {{4, 7}}, VcmMode},
+                      RoundTrip{
+                          "DataBlock", kItemDataBlock, {{8, 27}}, {{8, 27}}, DataBlockAddress}),
     [](const auto& param_info) { return std::string(param_info.param.name); });
 
 TEST(Channel, DataBlockMemoryIsAddressedByTargetAndOffset) {
@@ -154,18 +154,29 @@ TEST_P(ReadOnlyItem, AnswersTheStateAtItsPlace) {
 INSTANTIATE_TEST_SUITE_P(
     Items, ReadOnlyItem,
     ::testing::Values(
-        ReadLayout{"RoiStatus", kItemRoiStatus, [](CameraState& s) { s.roiStatus = 0x01020304; },
-                   4, {0x04, 0x03, 0x02, 0x01}},
-        ReadLayout{"StreamState", kItemStreamState,
+        ReadLayout{"RoiStatus",
+                   kItemRoiStatus,
+                   [](CameraState& s) { s.roiStatus = 0x01020304; },
+                   4,
+                   {0x04, 0x03, 0x02, 0x01}},
+        ReadLayout{"StreamState",
+                   kItemStreamState,
                    [](CameraState& s) {
                        s.streamCode = 0x0210;
                        s.streamUnusedBits = 0x00;
                        s.autofocusState = 0x7F;
                    },
-                   4, {0x10, 0x02, 0x00, 0x7F}},
-        ReadLayout{"LastId", kItemLastId, [](CameraState& s) { s.lastId = 0xFFFE; }, 4, {0xFE, 0xFF}},
-        ReadLayout{"Gyro", kItemGyro, [](CameraState& s) { s.gyro = {0xFC, 0x18, 0x03, 0xE8, 0x03, 0xE8, 1, 2, 3, 4, 5, 6, 7, 8}; },
-                   4, {0xFC, 0x18, 0x03, 0xE8, 0x03, 0xE8, 1, 2, 3, 4, 5, 6, 7, 8}},
+                   4,
+                   {0x10, 0x02, 0x00, 0x7F}},
+        ReadLayout{
+            "LastId", kItemLastId, [](CameraState& s) { s.lastId = 0xFFFE; }, 4, {0xFE, 0xFF}},
+        ReadLayout{"Gyro",
+                   kItemGyro,
+                   [](CameraState& s) {
+                       s.gyro = {0xFC, 0x18, 0x03, 0xE8, 0x03, 0xE8, 1, 2, 3, 4, 5, 6, 7, 8};
+                   },
+                   4,
+                   {0xFC, 0x18, 0x03, 0xE8, 0x03, 0xE8, 1, 2, 3, 4, 5, 6, 7, 8}},
         ReadLayout{"Version", kItemVersion, [](CameraState& s) { s.version.fill(0x56); }, 4,
                    std::vector<uint8_t>(56, 0x56)}),
     [](const auto& param_info) { return std::string(param_info.param.name); });
@@ -174,12 +185,13 @@ TEST(Channel, EveryReadableItemHasItsOwnDefaultAnswer) {
     CameraModel model;
     std::set<std::vector<uint8_t>> seen;
     // The last id first: a data-block request sets it.
-    for (uint16_t item : {kItemLastId, kItemEt, kItemMjpegQp, kItemVersion, kItemRoi,
-                          kItemRoiStatus, kItemDeviceSn, kItemDeviceId, kItemDataBlock,
-                          kItemStreamState, kItemGyro, kItemVcm}) {
+    for (uint16_t item :
+         {kItemLastId, kItemEt, kItemMjpegQp, kItemVersion, kItemRoi, kItemRoiStatus, kItemDeviceSn,
+          kItemDeviceId, kItemDataBlock, kItemStreamState, kItemGyro, kItemVcm}) {
         const auto answer = Transact(model, ReadRequest(item));
         EXPECT_TRUE(seen.insert({answer.begin() + 4, answer.end()}).second) << item;
-        EXPECT_NE(std::vector<uint8_t>(answer.begin() + 4, answer.end()), std::vector<uint8_t>(56, 0))
+        EXPECT_NE(std::vector<uint8_t>(answer.begin() + 4, answer.end()),
+                  std::vector<uint8_t>(56, 0))
             << item;
     }
 }
@@ -249,7 +261,8 @@ TEST(Channel, ZeroGyroFaultLastsForItsCount) {
     CameraModel model;
     model.InjectZeroGyro(1);
     const auto zero = Transact(model, ReadRequest(kItemGyro));
-    EXPECT_EQ(std::vector<uint8_t>(zero.begin() + 4, zero.begin() + 18), std::vector<uint8_t>(14, 0));
+    EXPECT_EQ(std::vector<uint8_t>(zero.begin() + 4, zero.begin() + 18),
+              std::vector<uint8_t>(14, 0));
     const auto normal = Transact(model, ReadRequest(kItemGyro));
     EXPECT_EQ(normal[8], 0x40);
 }

@@ -56,7 +56,8 @@ TEST(Controls, WhatTheUnitDoesNotHaveStalls) {
 TEST(Controls, MarkerAndPlainControlsKeepWhatIsWritten) {
     CameraModel model;
     SetCur(model, kSelectorMarker, {1, 2, 3, 4, 0, 0, 0, 9});
-    EXPECT_EQ(GetCur(model, kSelectorMarker, 8).data, (std::vector<uint8_t>{1, 2, 3, 4, 0, 0, 0, 9}));
+    EXPECT_EQ(GetCur(model, kSelectorMarker, 8).data,
+              (std::vector<uint8_t>{1, 2, 3, 4, 0, 0, 0, 9}));
     EXPECT_EQ(model.State().markerWrites, 1u);
     EXPECT_EQ(GetCur(model, 3, 2).data, (std::vector<uint8_t>{0xAB, 0xCD}));
     SetCur(model, 3, {0x01, 0x02});
@@ -83,8 +84,8 @@ TEST_P(FaultKinds, HitTheNextMatchingTransferOnly) {
     if (c.status == TransferStatus::kCompleted) {
         EXPECT_EQ(hit.actualLength, c.moved);
     }
-    EXPECT_EQ(hit.delay, c.fault.kind == FaultKind::kDelay ? c.fault.delay
-                                                           : std::chrono::milliseconds(0));
+    EXPECT_EQ(hit.delay,
+              c.fault.kind == FaultKind::kDelay ? c.fault.delay : std::chrono::milliseconds(0));
     // Healthy again.
     SetCur(model, kSelectorChannel, Bytes(ReadRequest(kItemVersion)));
     const Reply after = GetCur(model, kSelectorChannel, kFrameLength);
@@ -97,14 +98,17 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         FaultCase{"Stall", {FaultKind::kStall, 14, Direction::kIn}, TransferStatus::kStalled, 0},
         FaultCase{"Gone", {FaultKind::kGone, 14, Direction::kIn}, TransferStatus::kNoDevice, 0},
-        FaultCase{"Short", {FaultKind::kShort, 14, Direction::kIn, kAnyRequest, 1, 0, 30},
-                  TransferStatus::kCompleted, 30},
+        FaultCase{"Short",
+                  {FaultKind::kShort, 14, Direction::kIn, kAnyRequest, 1, 0, 30},
+                  TransferStatus::kCompleted,
+                  30},
         FaultCase{"Delay",
                   {FaultKind::kDelay, 14, Direction::kIn, kAnyRequest, 1, 0, 0,
                    std::chrono::milliseconds(500)},
-                  TransferStatus::kCompleted, 60},
-        FaultCase{"Garbage", {FaultKind::kGarbage, 14, Direction::kIn}, TransferStatus::kCompleted,
-                  60}),
+                  TransferStatus::kCompleted,
+                  60},
+        FaultCase{
+            "Garbage", {FaultKind::kGarbage, 14, Direction::kIn}, TransferStatus::kCompleted, 60}),
     [](const auto& param_info) { return std::string(param_info.param.name); });
 
 TEST(Faults, SkipCountSelectorAndDirectionAimTheFault) {

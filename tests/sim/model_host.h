@@ -14,7 +14,8 @@ inline Reply SetCur(CameraModel& m, uint8_t selector, const std::vector<uint8_t>
 }
 
 inline Reply Get(CameraModel& m, uint8_t request, uint8_t selector, uint16_t length) {
-    SetupPacket s{kRequestTypeIn, request, static_cast<uint16_t>(selector << 8), kUnitIndex, length};
+    SetupPacket s{kRequestTypeIn, request, static_cast<uint16_t>(selector << 8), kUnitIndex,
+                  length};
     return m.Handle(s, {});
 }
 

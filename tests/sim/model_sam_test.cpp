@@ -53,7 +53,8 @@ bool ChecksumHolds(const std::vector<uint8_t>& packet) {
 
 std::u16string Ucs2At(const std::vector<uint8_t>& p, size_t offset, size_t units) {
     std::u16string s;
-    for (size_t i = 0; i < units; ++i) s.push_back(static_cast<char16_t>(GetLe16(&p[offset + 2 * i])));
+    for (size_t i = 0; i < units; ++i)
+        s.push_back(static_cast<char16_t>(GetLe16(&p[offset + 2 * i])));
     return s;
 }
 

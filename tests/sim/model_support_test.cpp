@@ -28,7 +28,7 @@ TEST(CardText, FieldsSitAtTheirOffsetsBlankPadded) {
     EXPECT_EQ(unit(34), '8');
     EXPECT_EQ(unit(36), '2');
     EXPECT_EQ(unit(52), 'a');
-    EXPECT_EQ(unit(120), 'a');  // last address unit
+    EXPECT_EQ(unit(120), 'a');     // last address unit
     EXPECT_EQ(unit(122), 0x0020);  // id number, empty
     EXPECT_EQ(unit(220), 'r');
     EXPECT_EQ(unit(254), 0x0020);
@@ -44,8 +44,10 @@ TEST(CardText, Utf8DecodesToUcs2AndMarksWhatItCannot) {
 std::pair<int, int> Tilt(const std::array<uint8_t, 14>& s) {
     auto component = [&](size_t i) { return static_cast<int16_t>((s[i] << 8) | s[i + 1]); };
     const long x = component(0), y = component(2), z = component(4);
-    const double pitch = std::atan(-x / std::sqrt(static_cast<double>(y * y + z * z))) * 180.0 / 3.1415926;
-    const double roll = std::atan(y / std::sqrt(static_cast<double>(x * x + z * z))) * 180.0 / 3.1415926;
+    const double pitch =
+        std::atan(-x / std::sqrt(static_cast<double>(y * y + z * z))) * 180.0 / 3.1415926;
+    const double roll =
+        std::atan(y / std::sqrt(static_cast<double>(x * x + z * z))) * 180.0 / 3.1415926;
     return {static_cast<int>(pitch), static_cast<int>(roll)};
 }
 
