@@ -1,0 +1,41 @@
+// The commands. Each checks its values first, then talks to the camera through the
+// session, prints its result and returns the exit status (errors are thrown as ToolError).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "item_records.h"
+#include "session.h"
+#include "set_request.h"
+
+namespace tarvikctl {
+
+int RunList(Session& session);
+int RunInfo(Session& session);
+
+int RunGet(Session& session, const GetSetOptions& options);
+int RunSet(Session& session, const GetSetOptions& options);
+
+enum class ExposureOp { kGetTimes, kSetTimes, kGetRange, kGetMode, kSetMode };
+int RunExposure(Session& session, ExposureOp op, const std::vector<std::string>& values);
+
+int RunItemList(Session& session);
+int RunItemRead(Session& session, const ItemOptions& options);
+int RunItemWrite(Session& session, const ItemOptions& options);
+
+struct GyroOptions {
+    bool watch = false;
+    std::string intervalMs = "500";
+    std::string count = "0";  // 0: until interrupted
+};
+int RunGyro(Session& session, const GyroOptions& options);
+
+struct CardOptions {
+    std::string photo;
+    std::string thirdBlock;
+};
+int RunIdcard(Session& session, const CardOptions& options);
+int RunSam(Session& session, const std::string& command);
+
+}  // namespace tarvikctl

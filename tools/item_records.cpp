@@ -1,0 +1,175 @@
+#include "item_records.h"
+
+#include <TarvikImpl.h>
+
+#include <cstddef>
+#include <cstring>
+
+#include "value_parse.h"
+
+namespace tarvikctl {
+
+namespace {
+
+constexpr int kEtBlockWire = 22;  // three 32-bit, one 16-bit and eight single bytes
+constexpr int kEtBytes = 2 * kEtBlockWire;
+
+static_assert(sizeof(_DUAL_ET_PARAM) <= sizeof(RecordBuffer::bytes));
+static_assert(sizeof(_VERSION_PARAM) <= sizeof(RecordBuffer::bytes));
+static_assert(sizeof(uvc_extDataBlock) <= sizeof(RecordBuffer::bytes));
+static_assert(sizeof(_LED_CONTROL_PARAM) <= sizeof(RecordBuffer::bytes));
+static_assert(offsetof(_ET_PARAM, flags) + 8 == kEtBlockWire);
+
+const std::vector<ItemInfo> kItems = {
+    {EXT_ITEM_ET, "et", kEtBytes, kEtBytes},
+    {EXT_ITEM_MJPEG_QP, "mjpeg-qp", sizeof(_MJPEG_QP_PARAM), sizeof(_MJPEG_QP_PARAM)},
+    {EXT_ITEM_BEEP, "beep", -1, sizeof(unsigned int)},
+    {EXT_ITEM_STATUS_LED, "status-led", -1, sizeof(_STATUS_LED_PARAM)},
+    {EXT_ITEM_VERSION, "version", sizeof(_VERSION_PARAM), -1},
+    {EXT_ITEM_ROI, "roi", sizeof(_ROI_PARAM), sizeof(_ROI_PARAM)},
+    {EXT_ITEM_ROI_STATUS, "roi-status", sizeof(unsigned int), -1},
+    {EXT_ITEM_DEVICE_SN, "device-sn", sizeof(_DEVICE_SN_PARAM), sizeof(_DEVICE_SN_PARAM)},
+    {EXT_ITEM_DEVICE_ID, "device-id", sizeof(_DEVICE_ID_PARAM), sizeof(_DEVICE_ID_PARAM)},
+    {EXT_ITEM_DATA_BLOCK, "data-block", kDataBlockMax, kDataBlockMax},
+    {EXT_ITEM_UVC_MODE, "uvc-mode", -1, sizeof(int)},
+    {EXT_ITEM_SAM, "sam", -1, 0},
+    {EXT_ITEM_STREAM_STATE, "stream-state", sizeof(unsigned int), -1},
+    {EXT_ITEM_LAST_ID, "last-id", sizeof(short), -1},
+    {EXT_ITEM_LED, "led", -1, sizeof(_LED_CONTROL_PARAM)},
+    {EXT_ITEM_GYRO, "gyro", 14, -1},
+    {EXT_ITEM_GPIO, "gpio", -1, sizeof(_GPIO_PARAM)},
+    {EXT_ITEM_VCM, "vcm", sizeof(unsigned short), sizeof(_VCM_PARAM)},
+};
+
+// Where the user's bytes sit in the record: one span, or the two eye blocks.
+struct Span {
+    size_t recordOffset;
+    size_t length;
+};
+
+std::vector<Span> Spans(const ItemInfo& item, size_t size) {
+    if (item.number == EXT_ITEM_ET) {
+        return {{offsetof(_DUAL_ET_PARAM, left), kEtBlockWire},
+                {offsetof(_DUAL_ET_PARAM, right), kEtBlockWire}};
+    }
+    return {{0, size}};
+}
+
+}  // namespace
+
+const std::vector<ItemInfo>& Items() { return kItems; }
+
+const ItemInfo& FindItem(const std::string& numberOrName) {
+    for (const ItemInfo& item : kItems) {
+        if (numberOrName == item.name) return item;
+    }
+    const bool digits =
+        !numberOrName.empty() && numberOrName.find_first_not_of("0123456789") == std::string::npos;
+    if (digits && numberOrName.size() <= 2) {
+        const int n = std::stoi(numberOrName);
+        if (n >= 1 && n <= static_cast<int>(kItems.size())) return kItems[n - 1];
+    }
+    throw ValueError("item: '" + numberOrName +
+                     "' is no extension item (1-18, or a name such as roi; see item --help)");
+}
+
+std::vector<uint8_t> RecordBytes(const ItemInfo& item, const RecordBuffer& record, int size) {
+    std::vector<uint8_t> out;
+    for (const Span& span : Spans(item, static_cast<size_t>(size))) {
+        out.insert(out.end(), record.bytes + span.recordOffset,
+                   record.bytes + span.recordOffset + span.length);
+    }
+    return out;
+}
+
+void FillRecord(const ItemInfo& item, const std::vector<uint8_t>& bytes, RecordBuffer& record) {
+    const bool fits = item.number == EXT_ITEM_ET ? bytes.size() == kEtBytes
+                                                 : bytes.size() <= sizeof(record.bytes);
+    if (!fits) throw ValueError(std::string("record of ") + item.name + ": wrong size");
+    size_t at = 0;
+    for (const Span& span : Spans(item, bytes.size())) {
+        std::memcpy(record.bytes + span.recordOffset, bytes.data() + at, span.length);
+        at += span.length;
+    }
+}
+
+namespace {
+
+std::string Describe(const ItemInfo& item) {
+    return "item " + std::to_string(item.number) + " (" + item.name + ")";
+}
+
+std::string Listing(bool write) {
+    std::string out;
+    for (const ItemInfo& item : kItems) {
+        const int size = write ? item.writeBytes : item.readBytes;
+        if (size < 0 || (!write && item.number == kSamItem)) continue;
+        out += (out.empty() ? "" : ", ") + std::to_string(item.number) + " " + item.name;
+    }
+    return out;
+}
+
+void CheckOptions(const ItemInfo& item, const ItemOptions& o, bool write) {
+    if (o.blockGiven && item.number != kDataBlockItem) {
+        throw ValueError("--target, --length and --offset apply to item 10 (data-block) only");
+    }
+    if (o.modeGiven && (write || item.number != kVcmItem)) {
+        throw ValueError(
+            "--mode applies to reading item 18 (vcm) only; a vcm write carries "
+            "its mode in the record");
+    }
+}
+
+void ParseBlockAddress(const ItemOptions& o, ItemRequest& r) {
+    r.target = static_cast<uint8_t>(ParseInteger(o.target, "--target", 0, 255));
+    r.offset = static_cast<uint16_t>(ParseInteger(o.offset, "--offset", 0, 65535));
+}
+
+}  // namespace
+
+ItemRequest ParseItemRead(const ItemOptions& o) {
+    ItemRequest r;
+    r.item = &FindItem(o.item);
+    if (r.item->number == kSamItem) {
+        throw ValueError("item 12 (sam) is read with the sam and idcard commands");
+    }
+    if (r.item->readBytes < 0) {
+        throw ValueError(Describe(*r.item) + " can't be read; readable items: " + Listing(false));
+    }
+    CheckOptions(*r.item, o, false);
+    if (r.item->number == kDataBlockItem) {
+        ParseBlockAddress(o, r);
+        r.length = static_cast<uint8_t>(ParseInteger(o.length, "--length", 0, kDataBlockMax));
+    }
+    r.mode = static_cast<uint8_t>(ParseInteger(o.mode, "--mode", 0, 255));
+    return r;
+}
+
+ItemRequest ParseItemWrite(const ItemOptions& o) {
+    ItemRequest r;
+    r.item = &FindItem(o.item);
+    if (r.item->writeBytes < 0) {
+        throw ValueError(Describe(*r.item) + " can't be written; writable items: " + Listing(true));
+    }
+    CheckOptions(*r.item, o, true);
+    r.bytes = ParseHex(o.hex, "record of " + Describe(*r.item));
+    const size_t want = static_cast<size_t>(r.item->writeBytes);
+    if (r.item->number == kDataBlockItem) {
+        if (r.bytes.size() > want) {
+            throw ValueError("data of item 10 (data-block): at most 48 bytes, got " +
+                             std::to_string(r.bytes.size()));
+        }
+        if (o.lengthGiven) {
+            throw ValueError("--length is the number of data bytes given; leave it out");
+        }
+        ParseBlockAddress(o, r);
+        r.length = static_cast<uint8_t>(r.bytes.size());
+    } else if (r.bytes.size() != want) {
+        throw ValueError("record of " + Describe(*r.item) + ": " + std::to_string(want) +
+                         " bytes (" + std::to_string(2 * want) + " hex digits), got " +
+                         std::to_string(r.bytes.size()));
+    }
+    return r;
+}
+
+}  // namespace tarvikctl

@@ -1,0 +1,71 @@
+// The extension items as `item read` / `item write` see them: which direction each item
+// has, and how its record maps to the hex bytes the user reads and types.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tarvikctl {
+
+struct ItemInfo {
+    int number;
+    const char* name;
+    // Size of the record as hex bytes; -1 when the item has no such direction. The data
+    // block (10) reads and writes up to 48 data bytes chosen by options instead.
+    int readBytes;
+    int writeBytes;
+};
+
+constexpr int kDataBlockItem = 10;
+constexpr int kSamItem = 12;
+constexpr int kVcmItem = 18;
+constexpr size_t kDataBlockMax = 48;
+
+// Every item 1-18, in number order.
+const std::vector<ItemInfo>& Items();
+
+// An item by number ("6") or name ("roi"). Throws ValueError for anything else.
+const ItemInfo& FindItem(const std::string& numberOrName);
+
+// Room for any item's record, suitably aligned.
+struct RecordBuffer {
+    alignas(8) unsigned char bytes[64] = {};
+};
+
+// The record's bytes as the user sees them: the record itself, except the exposure item,
+// whose two 22-byte eye blocks are shown without the record's alignment padding (so the
+// hex is the bytes on the wire).
+std::vector<uint8_t> RecordBytes(const ItemInfo& item, const RecordBuffer& record, int size);
+// The reverse: fills `record` from exactly `size` user bytes.
+void FillRecord(const ItemInfo& item, const std::vector<uint8_t>& bytes, RecordBuffer& record);
+
+// What `item read` / `item write` were given.
+struct ItemOptions {
+    std::string item;
+    std::string hex;
+    bool blockGiven = false;   // any of target, length, offset
+    std::string target = "0";  // data block
+    bool lengthGiven = false;
+    std::string length = "48";
+    std::string offset = "0";
+    bool modeGiven = false;
+    std::string mode = "0";  // vcm read
+};
+
+// A checked request: the item, and for a write the user's bytes.
+struct ItemRequest {
+    const ItemInfo* item = nullptr;
+    std::vector<uint8_t> bytes;  // write: the record's bytes, or the data block's data
+    uint8_t target = 0;          // data block
+    uint8_t length = 0;
+    uint16_t offset = 0;
+    uint8_t mode = 0;  // vcm read
+};
+
+// Check everything before anything is sent. Throw ValueError.
+ItemRequest ParseItemRead(const ItemOptions& options);
+ItemRequest ParseItemWrite(const ItemOptions& options);
+
+}  // namespace tarvikctl
