@@ -58,7 +58,10 @@ HRESULT TarvikImpl::SamCmdTransfer(_SAM_CMD_E cmd, uvc_extItem_SAM_E& wireCmd) {
 HRESULT TarvikImpl::ReadSamItem(const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out) {
     const unsigned cmd = in->cmd;
     uvc_extItem_SAM_E wireCmd = EXT_SAM_CMD_0;
-    if (SamCmdTransfer(static_cast<_SAM_CMD_E>(cmd), wireCmd) != 0) {
+    // The record's byte may hold anything; only a command's value may become a
+    // _SAM_CMD_E (a value outside the enumeration's range is undefined).
+    if (sam::handling_of(cmd) == sam::Handling::Invalid ||
+        SamCmdTransfer(static_cast<_SAM_CMD_E>(cmd), wireCmd) != 0) {
         TLOG("ReadByExtItem, invalid sam cmd: %d", in->cmd);
         RecoveryMarker();
         return kInvalidCommand;
