@@ -47,9 +47,9 @@ int main(int argc, char** argv) {
             status = 1;
             continue;
         }
+        const std::string part = std::string(op.name) + " x" + std::to_string(iterations);
         CALLGRIND_ZERO_STATS;
         for (int i = 0; i < iterations; ++i) op.run(impl);
-        const std::string part = std::string(op.name) + " x" + std::to_string(iterations);
         CALLGRIND_DUMP_STATS_AT(part.c_str());
     }
     zq_ReleaseTarvik(plugin);

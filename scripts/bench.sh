@@ -1,0 +1,95 @@
+#!/usr/bin/env bash
+# The benchmark command: installs what is missing, builds a release tree in
+# build/bench and runs
+#   1. the pure-code benchmarks (protocol functions, card text);
+#   2. the device benchmarks: every operation against a bare libusb loop making
+#      the same control transfers, on the simulated camera, with the ratio
+#      library/floor and each operation's transfer count against the minimum;
+#   3. the library's instructions per operation under callgrind, libusb excluded.
+# Full outputs are kept in build/bench/results/.
+#   scripts/bench.sh           everything (a few minutes on 2 cores)
+#   scripts/bench.sh --quick   shorter runs, for a smoke test
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+quick=0
+if [ "${1:-}" = "--quick" ]; then quick=1; fi
+
+# --- what the benchmarks need ---
+packages=(build-essential cmake ninja-build pkg-config libusb-1.0-0-dev umockdev libumockdev-dev
+  nlohmann-json3-dev libbenchmark-dev valgrind)
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$p")
+  fi
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "installing: ${missing[*]}" >&2
+  sudo=""
+  if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+  $sudo apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
+fi
+
+# --- release build of the library and the benchmarks ---
+build=build/bench
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVIK_BUILD_BENCH=ON \
+  -DTARVIK_BUILD_TESTS=OFF -DTARVIK_BUILD_TOOLS=OFF -DTARVIK_BUILD_FUZZ=OFF >/dev/null
+cmake --build "$build" --target tarvik_bench_pure tarvik_bench_device tarvik_bench_instructions \
+  tarvik-sim >/dev/null
+results="$build/results"
+mkdir -p "$results"
+
+if [ $quick -eq 1 ]; then
+  pure_time=0.05 device_time=0.05 device_reps=1 iterations=10
+else
+  pure_time=0.2 device_time=0.3 device_reps=3 iterations=100
+fi
+
+echo "== machine"
+{
+  echo "cpu:      $(lscpu | sed -n 's/^Model name: *//p') ($(nproc) cores)"
+  echo "kernel:   $(uname -r)"
+  echo "compiler: $(c++ --version | head -1)"
+  echo "libusb:   $(pkg-config --modversion libusb-1.0), umockdev $(pkg-config --modversion umockdev-1.0)"
+  echo "build:    RelWithDebInfo (-O2 -g), commit $(git rev-parse --short HEAD 2>/dev/null || echo '?')"
+} | tee "$results/machine.txt"
+
+echo
+echo "== pure code (time per call)"
+"$build/bench/tarvik_bench_pure" --benchmark_min_time="$pure_time" \
+  --benchmark_out="$results/pure.json" --benchmark_out_format=json 2>/dev/null | tee "$results/pure.txt"
+
+echo
+echo "== device: library against the bare libusb floor, simulated camera"
+echo "   (about 1 ms per control transfer through the emulation; the library's stdout to /dev/null)"
+umockdev-wrapper "$build/bench/tarvik_bench_device" --benchmark_min_time="$device_time" \
+  --benchmark_repetitions="$device_reps" \
+  --benchmark_report_aggregates_only=true \
+  --benchmark_out="$results/device.json" --benchmark_out_format=json >"$results/device.txt" \
+  2>"$results/device.err"
+sed -n '/^Library against/,$p' "$results/device.txt"
+
+echo
+echo "== library instructions per operation (callgrind; libusb and the emulation excluded)"
+cg="$results/callgrind"
+rm -rf "$cg"
+mkdir -p "$cg"
+echo "   $build/sim/tarvik-sim run -- valgrind --tool=callgrind --callgrind-out-file=$cg/ops.%p $build/bench/tarvik_bench_instructions $iterations"
+"$build/sim/tarvik-sim" run -- valgrind --tool=callgrind --callgrind-out-file="$cg/ops.%p" \
+  "$build/bench/tarvik_bench_instructions" "$iterations" 2>"$cg/valgrind.log"
+{
+  printf '%-20s %12s %12s %16s\n' operation "library Ir" "printing Ir" "libusb+emul. Ir"
+  for part in $(ls "$cg"/ops.*.* | sort -t. -k3 -n); do
+    callgrind_annotate --inclusive=yes --threshold=100 --auto=no "$part" | awk '
+      /^Trigger: Client Request:/ { name = $4; n = substr($5, 2) }
+      { v = $1; gsub(",", "", v) }
+      / [^ ]*:main \[.*tarvik_bench_instructions\]/ { total = v }
+      /:libusb_control_transfer \[/ { usb += v }
+      /tarvik_log\.cpp:tarvik::LogLine\(/ { print_ += v }
+      END { printf "%-20s %12d %12d %16d\n", name, (total - usb) / n, print_ / n, usb / n }'
+  done
+} | tee "$results/instructions.txt"
+echo
+echo "full outputs: $results/"
