@@ -63,7 +63,7 @@ echo "== pure code (time per call)"
 
 echo
 echo "== device: library against the bare libusb floor, simulated camera"
-echo "   (about 1 ms per control transfer through the emulation; the library's stdout to /dev/null)"
+echo "   (each control transfer crosses umockdev's emulation; the library's stdout to /dev/null)"
 umockdev-wrapper "$build/bench/tarvik_bench_device" --benchmark_min_time="$device_time" \
   --benchmark_repetitions="$device_reps" \
   --benchmark_report_aggregates_only=true \
