@@ -31,25 +31,31 @@ void AddGetSet(CLI::App& app, Storage& s, Invocation& inv) {
         app.add_subcommand("get", "Read a setting: roi, mjpeg-qp, device-id, device-sn, vcm");
     get->add_option("NAME", s.get.name, "What to read")->required();
     get->add_flag("--hex", s.get.hex, "device-id, device-sn: print 40 hex digits, not text");
-    auto* getMode = get->add_option("--mode", s.get.mode, "vcm: which value (0-255, default 0)");
+    auto* getMode = get->add_option("--mode", s.get.mode, "vcm: which value (0-255, default 0)")
+                        ->type_name("N");
     get->callback([&s, &inv, getMode] {
         s.get.modeGiven = getMode->count() > 0;
         inv.run = [&s](Session& session) { return RunGet(session, s.get); };
     });
 
     auto* set = app.add_subcommand(
-        "set",
-        "Write a setting:\n"
-        "  roi V1 V2 V3 V4 | mjpeg-qp V1 V2 V3 V4 | gpio V1 V2   (32-bit values, 0x.. for hex)\n"
-        "  device-id TEXT | device-sn TEXT   (printable ASCII, up to 20, zero-padded;\n"
-        "                                     --hex: 40 hex digits)\n"
-        "  vcm VALUE [--mode N] [--ctrl0 B] [--ctrl1 B]   (VALUE 0-65535)");
+        "set", "Write a setting: roi, mjpeg-qp, device-id, device-sn, gpio, vcm");
+    set->footer(
+        "  set roi V1 V2 V3 V4 | set mjpeg-qp V1 V2 V3 V4 | set gpio V1 V2\n"
+        "      32-bit values, decimal or 0x.. hex\n"
+        "  set device-id TEXT | set device-sn TEXT\n"
+        "      printable ASCII, at most 20 characters, zero-padded; with --hex 40 hex digits\n"
+        "  set vcm VALUE [--mode N] [--ctrl0 B] [--ctrl1 B]\n"
+        "      VALUE 0-65535, N and B 0-255");
     set->add_option("NAME", s.set.name, "What to write")->required();
     set->add_option("VALUES", s.set.values, "The values")->required();
     set->add_flag("--hex", s.set.hex, "device-id, device-sn: the value is 40 hex digits");
-    auto* setMode = set->add_option("--mode", s.set.mode, "vcm: which value (0-255, default 0)");
-    set->add_option("--ctrl0", s.set.ctrl0, "vcm: first leading byte, sent unchanged (default 0)");
-    set->add_option("--ctrl1", s.set.ctrl1, "vcm: second leading byte, sent unchanged (default 0)");
+    auto* setMode = set->add_option("--mode", s.set.mode, "vcm: which value (0-255, default 0)")
+                        ->type_name("N");
+    set->add_option("--ctrl0", s.set.ctrl0, "vcm: first leading byte, sent unchanged (default 0)")
+        ->type_name("B");
+    set->add_option("--ctrl1", s.set.ctrl1, "vcm: second leading byte, sent unchanged (default 0)")
+        ->type_name("B");
     set->callback([&s, &inv, setMode] {
         s.set.modeGiven = setMode->count() > 0;
         inv.run = [&s](Session& session) { return RunSet(session, s.set); };
@@ -98,11 +104,15 @@ void AddItem(CLI::App& app, Storage& s, Invocation& inv) {
 
     auto* read = item->add_subcommand("read", "Read an item and print its record as hex");
     read->add_option("ITEM", s.itemRead.item, "Item number (1-18) or name")->required();
-    auto* rt = read->add_option("--target", s.itemRead.target, "data-block: target byte");
+    auto* rt =
+        read->add_option("--target", s.itemRead.target, "data-block: target byte")->type_name("N");
     auto* rl =
-        read->add_option("--length", s.itemRead.length, "data-block: bytes (0-48, default 48)");
-    auto* ro = read->add_option("--offset", s.itemRead.offset, "data-block: offset (0-65535)");
-    auto* rm = read->add_option("--mode", s.itemRead.mode, "vcm: which value (0-255)");
+        read->add_option("--length", s.itemRead.length, "data-block: bytes (0-48, default 48)")
+            ->type_name("N");
+    auto* ro = read->add_option("--offset", s.itemRead.offset, "data-block: offset (0-65535)")
+                   ->type_name("N");
+    auto* rm =
+        read->add_option("--mode", s.itemRead.mode, "vcm: which value (0-255)")->type_name("N");
     read->callback([&s, &inv, rt, rl, ro, rm] {
         s.itemRead.blockGiven = rt->count() + rl->count() + ro->count() > 0;
         s.itemRead.lengthGiven = rl->count() > 0;
@@ -114,11 +124,15 @@ void AddItem(CLI::App& app, Storage& s, Invocation& inv) {
         "write", "Write an item's record given as hex (data-block: its data bytes)");
     write->add_option("ITEM", s.itemWrite.item, "Item number (1-18) or name")->required();
     write->add_option("HEX", s.itemWrite.hex, "The record's bytes as hex digits");
-    auto* wt = write->add_option("--target", s.itemWrite.target, "data-block: target byte");
+    auto* wt = write->add_option("--target", s.itemWrite.target, "data-block: target byte")
+                   ->type_name("N");
     auto* wl =
-        write->add_option("--length", s.itemWrite.length, "not used: the data's length counts");
-    auto* wo = write->add_option("--offset", s.itemWrite.offset, "data-block: offset (0-65535)");
-    auto* wm = write->add_option("--mode", s.itemWrite.mode, "not used: a vcm record has its mode");
+        write->add_option("--length", s.itemWrite.length, "not used: the data's length counts")
+            ->type_name("N");
+    auto* wo = write->add_option("--offset", s.itemWrite.offset, "data-block: offset (0-65535)")
+                   ->type_name("N");
+    auto* wm = write->add_option("--mode", s.itemWrite.mode, "not used: a vcm record has its mode")
+                   ->type_name("N");
     write->callback([&s, &inv, wt, wl, wo, wm] {
         s.itemWrite.blockGiven = wt->count() + wl->count() + wo->count() > 0;
         s.itemWrite.lengthGiven = wl->count() > 0;
@@ -140,16 +154,20 @@ void AddCommands(CLI::App& app, Storage& s, Invocation& inv) {
     auto* gyro = app.add_subcommand("gyro", "Pitch and roll in whole degrees");
     gyro->add_flag("--watch", s.gyro.watch, "Refresh until interrupted (Ctrl-C)");
     gyro->add_option("--interval", s.gyro.intervalMs,
-                     "--watch: milliseconds between reads (default 500)");
+                     "--watch: milliseconds between reads (default 500)")
+        ->type_name("MS");
     gyro->add_option("--count", s.gyro.count,
-                     "--watch: stop after this many reads (default: never)");
+                     "--watch: stop after this many reads (default: never)")
+        ->type_name("N");
     gyro->callback(
         [&s, &inv] { inv.run = [&s](Session& session) { return RunGyro(session, s.gyro); }; });
 
     auto* card = app.add_subcommand("idcard", "Read an identity card through the SAM");
-    card->add_option("--photo", s.card.photo, "Write the raw photo block (1024 bytes) to FILE");
+    card->add_option("--photo", s.card.photo, "Write the raw photo block (1024 bytes) to FILE")
+        ->type_name("FILE");
     card->add_option("--third-block", s.card.thirdBlock,
-                     "Read the third block too and write it (1024 bytes) to FILE");
+                     "Read the third block too and write it (1024 bytes) to FILE")
+        ->type_name("FILE");
     card->callback(
         [&s, &inv] { inv.run = [&s](Session& session) { return RunIdcard(session, s.card); }; });
 
@@ -168,19 +186,21 @@ Invocation ParseCommandLine(int argc, char** argv) {
     static Storage storage;
     CLI::App app{"Control of the dual-eye camera (0ac8:010c) through libTarvik.", "tarvikctl"};
     app.footer(kFooter);
-    app.require_subcommand(1);
     app.fallthrough();  // global options may follow the command
     GlobalOptions& g = inv.global;
     auto* bus = app.add_option("--bus", g.bus, "The camera's bus (with --address)")
+                    ->type_name("BUS")
                     ->check(CLI::Range(1, 255));
     auto* address = app.add_option("--address", g.address, "The camera's address (with --bus)")
+                        ->type_name("ADDRESS")
                         ->check(CLI::Range(1, 255));
     bus->needs(address);
     address->needs(bus);
     app.add_flag("--json", g.json, "Print results as JSON");
     auto* quiet = app.add_flag("--quiet", g.quiet, "Drop the library's and libusb's messages");
     auto* log =
-        app.add_option("--log", g.logFile, "Append the library's and libusb's messages to FILE");
+        app.add_option("--log", g.logFile, "Append the library's and libusb's messages to FILE")
+            ->type_name("FILE");
     quiet->excludes(log);
     app.add_flag("--simulate", g.simulate,
                  "Run under tarvik-sim with the default simulated camera");
@@ -196,6 +216,11 @@ Invocation ParseCommandLine(int argc, char** argv) {
                          e.what());
             inv.exitNow = kExitUsage;
         }
+        return inv;
+    }
+    if (!inv.run) {
+        std::fprintf(stderr, "tarvikctl: a command is required\n%s", app.help().c_str());
+        inv.exitNow = kExitUsage;
     }
     return inv;
 }

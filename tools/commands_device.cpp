@@ -216,7 +216,7 @@ int RunGet(Session& session, const GetSetOptions& o) {
     if (hr != 0) throw ResultError("get " + name, hr);
     std::string key = name;
     std::replace(key.begin(), key.end(), '-', '_');
-    session.Emit(Json{{key, json}}, text);
+    session.Emit(Json{{key, json}}, text + "\n");
     return kExitOk;
 }
 
@@ -304,7 +304,7 @@ int RunExposure(Session& session, ExposureOp op, const std::vector<std::string>&
         text = "left " + std::to_string(p.leftMode) + ", right " + std::to_string(p.rightMode);
     }
     if (hr != 0) throw ResultError(what, hr, kOrigin);
-    session.Emit(json, text);
+    session.Emit(json, text + "\n");
     return kExitOk;
 }
 
@@ -315,7 +315,7 @@ int RunGyro(Session& session, const GyroOptions& o) {
         _GYRO_PARAM g{};
         const int hr = session.WithCamera([&](TarvikImpl& c) { return c.zq_ReadGyro(&g); });
         if (hr != 0) throw ResultError("gyro", hr);
-        session.Emit(Json{{"pitch", g.pitch}, {"roll", g.roll}}, GyroText(g));
+        session.Emit(Json{{"pitch", g.pitch}, {"roll", g.roll}}, GyroText(g) + "\n");
         return kExitOk;
     }
     struct sigaction action {};

@@ -56,7 +56,7 @@ int RunItemRead(Session& session, const ItemOptions& options) {
     if (hr != 0) throw ResultError("item read " + std::to_string(item.number), hr);
     Json json = ItemJson(item);
     json["hex"] = Hex(bytes.data(), bytes.size());
-    session.Emit(json, Hex(bytes.data(), bytes.size()));
+    session.Emit(json, Hex(bytes.data(), bytes.size()) + "\n");
     return kExitOk;
 }
 

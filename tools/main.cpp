@@ -25,19 +25,25 @@ int Run(const Invocation& inv) {
         std::fprintf(stderr, "tarvikctl: %s\n", e.what());
         return kExitUsage;
     }
-    Session session(g, *output);
-    try {
-        return inv.run(session);
-    } catch (const ValueError& e) {
-        session.Note(e.what());
-        return kExitUsage;
-    } catch (const ToolError& e) {
-        session.Note(e.what());
-        return e.Code();
-    } catch (const std::exception& e) {
-        session.Note(std::string("error: ") + e.what());
-        return kExitFailed;
+    // The camera is released before the error is told, so the message is the last line.
+    std::string error;
+    int status = kExitFailed;
+    {
+        Session session(g, *output);
+        try {
+            return inv.run(session);
+        } catch (const ValueError& e) {
+            error = e.what();
+            status = kExitUsage;
+        } catch (const ToolError& e) {
+            error = e.what();
+            status = e.Code();
+        } catch (const std::exception& e) {
+            error = std::string("error: ") + e.what();
+        }
     }
+    Say(*output, error);
+    return status;
 }
 
 int Main(int argc, char** argv) {

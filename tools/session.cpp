@@ -49,15 +49,16 @@ void Session::Emit(const Json& json, const std::string& text) {
     if (m_options.json) {
         const std::string out = json.dump(2, ' ', false, Json::error_handler_t::replace);
         std::fputs((out + "\n").c_str(), stdout);
-    } else if (!text.empty()) {
+    } else {
         std::fputs(text.c_str(), stdout);
-        if (text.back() != '\n') std::fputc('\n', stdout);
     }
     std::fflush(stdout);
 }
 
-void Session::Note(const std::string& message) {
-    m_output.StartOwnLine();
+void Session::Note(const std::string& message) { Say(m_output, message); }
+
+void Say(LibraryOutput& output, const std::string& message) {
+    output.StartOwnLine();
     std::fprintf(stderr, "tarvikctl: %s\n", message.c_str());
 }
 

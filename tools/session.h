@@ -67,7 +67,7 @@ public:
         return std::forward<Call>(call)(camera);
     }
 
-    // Prints a result: the JSON (with --json) or the text, on standard output.
+    // Prints a result on standard output: the JSON (with --json), or the text as it is.
     void Emit(const Json& json, const std::string& text);
     // A message of the tool's own on standard error.
     void Note(const std::string& message);
@@ -79,5 +79,8 @@ private:
     LibraryOutput& m_output;
     TarvikImpl* m_camera = nullptr;
 };
+
+// A message of the tool's own on standard error, on a line of its own.
+void Say(LibraryOutput& output, const std::string& message);
 
 }  // namespace tarvikctl
