@@ -68,7 +68,7 @@ for entry in "${targets[@]}"; do
   log="$BUILD_DIR/findings/$target.log"
   limit=(-max_total_time="$seconds")
   [ -n "$runs" ] && limit=(-runs="$runs")
-  echo "=== $target (${runs:+$runs runs}${runs:-$seconds s})"
+  if [ -n "$runs" ]; then echo "=== $target ($runs runs)"; else echo "=== $target ($seconds s)"; fi
   start=$(date +%s)
   status=0
   "$BUILD_DIR/fuzz/$target" "${limit[@]}" -max_len="$maxlen" -timeout=10 -rss_limit_mb=2048 \
