@@ -75,22 +75,36 @@ HRESULT TarvikImpl::_GetLength(int selector, unsigned int* length) {
     return 0;
 }
 
+namespace {
+// The length of a control that carries a 32-bit value, asked with m_mutex
+// held. A control shorter than a value is reported and refused (result 1), so
+// that nothing is read or written past its buffer.
+HRESULT valueControlLength(TarvikImpl& impl, int selector, const char* function,
+                           unsigned int* length) {
+    if (impl.check_dev_opened() != 0) {
+        return kNotOpened;
+    }
+    *length = 0;
+    if (const HRESULT r = impl._GetLength(selector, length); r != 0) {
+        return r;
+    }
+    if (*length < kValueBytes) {
+        tarvik::ReportAssertion("size >= 4", function);
+        return 1;
+    }
+    return 0;
+}
+}  // namespace
+
 HRESULT TarvikImpl::_GetValue(int selector, unsigned int* value) {
     if (value == nullptr) {
         TLOG("get value: invalid input arg.\n");
         return 1;
     }
     tarvik::ScopedLock lock(m_mutex);
-    if (check_dev_opened() != 0) {
-        return kNotOpened;
-    }
     unsigned int length = 0;
-    if (const HRESULT r = _GetLength(selector, &length); r != 0) {
+    if (const HRESULT r = valueControlLength(*this, selector, "_GetValue", &length); r != 0) {
         return r;
-    }
-    if (length < kValueBytes) {
-        tarvik::ReportAssertion("size >= 4", "_GetValue");
-        return 1;
     }
     std::vector<unsigned char> buffer(length, 0);
     if (const int r = read_from_uvc_extension(selector, static_cast<int>(length), buffer.data());
@@ -105,16 +119,9 @@ HRESULT TarvikImpl::_GetValue(int selector, unsigned int* value) {
 
 HRESULT TarvikImpl::_SetValue(int selector, unsigned int value) {
     tarvik::ScopedLock lock(m_mutex);
-    if (check_dev_opened() != 0) {
-        return kNotOpened;
-    }
     unsigned int length = 0;
-    if (const HRESULT r = _GetLength(selector, &length); r != 0) {
+    if (const HRESULT r = valueControlLength(*this, selector, "_SetValue", &length); r != 0) {
         return r;
-    }
-    if (length < kValueBytes) {
-        tarvik::ReportAssertion("size >= 4", "_SetValue");
-        return 1;
     }
     std::vector<unsigned char> buffer(length, 0);
     Int2Byte(static_cast<int>(value), buffer.data(), static_cast<int>(length));

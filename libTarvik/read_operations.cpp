@@ -37,6 +37,25 @@ HRESULT readInPlace(TarvikImpl& impl, const char* name, UVC_EXT_ITEM_E item, Rec
     return 0;
 }
 
+// The pattern for members that read into a local record and hand the caller
+// a value derived from it: the caller's variable is written only on success.
+template <typename Local, typename Out, typename Convert>
+HRESULT readThroughLocal(TarvikImpl& impl, const char* name, UVC_EXT_ITEM_E item, Out* out,
+                         Convert convert) {
+    if (out == nullptr) {
+        return kMissingRecord;
+    }
+    const unsigned long start = os_gettime_us();
+    Local local{};
+    const HRESULT r = tarvik::RunRead(impl, OperationName{kReadArrow, name}, item, nullptr, &local);
+    if (r != 0) {
+        return r;
+    }
+    *out = convert(local);
+    TLOG_CONSUMED(name, start);
+    return 0;
+}
+
 }  // namespace
 
 HRESULT TarvikImpl::zq_ReadVersion(_VERSION_PARAM* param) {
@@ -89,51 +108,23 @@ HRESULT TarvikImpl::zq_ReadVCM(_VCM_MODE_E mode, unsigned short* value) {
 }
 
 HRESULT TarvikImpl::zq_ReadAutoFocusState(unsigned char* state) {
-    if (state == nullptr) {
-        return kMissingRecord;
-    }
-    const unsigned long start = os_gettime_us();
-    unsigned int streamState = 0;
-    const HRESULT r = tarvik::RunRead(*this, OperationName{kReadArrow, "ReadStreamState"},
-                                      EXT_ITEM_STREAM_STATE, nullptr, &streamState);
-    if (r != 0) {
-        return r;
-    }
-    *state = static_cast<unsigned char>(streamState >> kAutoFocusShift);
-    TLOG_CONSUMED("ReadStreamState", start);
-    return 0;
+    return readThroughLocal<unsigned int>(*this, "ReadStreamState", EXT_ITEM_STREAM_STATE, state,
+                                          [](unsigned int streamState) {
+                                              return static_cast<unsigned char>(streamState >>
+                                                                                kAutoFocusShift);
+                                          });
 }
 
 HRESULT TarvikImpl::ReadStreamState(unsigned int* state) {
-    if (state == nullptr) {
-        return kMissingRecord;
-    }
-    const unsigned long start = os_gettime_us();
-    unsigned int streamState = 0;
-    const HRESULT r = tarvik::RunRead(*this, OperationName{kReadArrow, "ReadStreamState"},
-                                      EXT_ITEM_STREAM_STATE, nullptr, &streamState);
-    if (r != 0) {
-        return r;
-    }
-    *state = (streamState & kStreamCodeMask) == kStreamCodeStreaming ? 1 : 0;
-    TLOG_CONSUMED("ReadStreamState", start);
-    return 0;
+    return readThroughLocal<unsigned int>(
+        *this, "ReadStreamState", EXT_ITEM_STREAM_STATE, state, [](unsigned int streamState) {
+            return (streamState & kStreamCodeMask) == kStreamCodeStreaming ? 1u : 0u;
+        });
 }
 
 HRESULT TarvikImpl::ReadLastId(short* lastId) {
-    if (lastId == nullptr) {
-        return kMissingRecord;
-    }
-    const unsigned long start = os_gettime_us();
-    short id = 0;
-    const HRESULT r =
-        tarvik::RunRead(*this, OperationName{kReadArrow, "ReadLastId"}, EXT_ITEM_LAST_ID, nullptr, &id);
-    if (r != 0) {
-        return r;
-    }
-    *lastId = id;
-    TLOG_CONSUMED("ReadLastId", start);
-    return 0;
+    return readThroughLocal<short>(*this, "ReadLastId", EXT_ITEM_LAST_ID, lastId,
+                                   [](short id) { return id; });
 }
 
 HRESULT TarvikImpl::zq_ReadGyro(_GYRO_PARAM* param) {

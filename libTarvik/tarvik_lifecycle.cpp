@@ -10,20 +10,8 @@ constexpr unsigned short kProductTypeUnknown = 0xFFFF;
 constexpr HRESULT kNotProvided = -2;
 }  // namespace
 
-TarvikImpl::TarvikImpl()
-    : m_pContext(nullptr),
-      m_pDevHandle(nullptr),
-      m_bKernelDetached(false),
-      m_mutex(),
-      m_bInnerOpened(false),
-      m_bMarkerSet(false),
-      m_nLastId(0),
-      m_vecValidDevices(),
-      m_nProductType(kProductTypeUnknown) {
-    InitializeValidPIdVId();
-    // __DATE__/__TIME__ follow SOURCE_DATE_EPOCH when it is set, so builds reproduce.
-    TLOG("libTarvik build time: %s %s", __DATE__, __TIME__);
-}
+// Without a handle the object starts with no device; the factory then opens one.
+TarvikImpl::TarvikImpl() : TarvikImpl(nullptr) {}
 
 TarvikImpl::TarvikImpl(libusb_device_handle* handle)
     : m_pContext(nullptr),
