@@ -44,9 +44,11 @@ void AddCard(const _SAM_OUT_PARAM& out, Json& json, std::string& text) {
     for (const CardField& f : kCardFields) {
         const std::string value = WideToUtf8(f.get(out), f.capacity);
         json[f.key] = value;
-        std::string label = std::string(f.label) + ":";
-        label.resize(12, ' ');
-        text += label + value + "\n";
+        std::string line = std::string(f.label) + ":";
+        line.resize(12, ' ');
+        line += value;
+        line.erase(line.find_last_not_of(' ') + 1);  // an empty field leaves no blanks
+        text += line + "\n";
     }
 }
 

@@ -88,6 +88,7 @@ void FillRecord(const ItemInfo& item, const std::vector<uint8_t>& bytes, RecordB
     if (!fits) throw ValueError(std::string("record of ") + item.name + ": wrong size");
     size_t at = 0;
     for (const Span& span : Spans(item, bytes.size())) {
+        if (span.length == 0) continue;  // the SAM item's write has no record bytes
         std::memcpy(record.bytes + span.recordOffset, bytes.data() + at, span.length);
         at += span.length;
     }

@@ -212,6 +212,9 @@ elseif(CASE STREQUAL "item")
     && $T --quiet item write vcm 0a0b341205000000 && $T --quiet item read vcm --mode 5")
   # The fourth data byte was never written: the camera's own content.
   expect_match(OUT "^1 2 3 251658244\naabbcc[0-9a-f][0-9a-f]\n3412\n$")
+  # The SAM item's write is its header alone: no record bytes.
+  tool(0 --quiet item write sam)
+  expect_out("")
   tool(0 --quiet --json item read 16)
   expect_json(gyro name)
   expect_json(0000000040006162636465666768 hex)
