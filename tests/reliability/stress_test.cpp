@@ -126,11 +126,12 @@ TEST_F(Stress, SharedObjectAndOwnObjectsAtOnce) {
     std::vector<sim::Camera*> cams;
     std::vector<TarvikPtr> objects;
     std::vector<std::vector<Step>> mixes;
+    // Every camera is on the bus before the first object starts libusb's threads.
+    for (int salt = 0; salt <= kOwnObjects; ++salt) cams.push_back(&NewCamera(salt));
     for (int salt = 0; salt <= kOwnObjects; ++salt) {
-        cams.push_back(&NewCamera(salt));
-        objects.push_back(Open(*cams.back()));
+        objects.push_back(Open(*cams[salt]));
         ASSERT_NE(objects.back(), nullptr);
-        mixes.push_back(Mix(salt, cams.back()->Model().State()));
+        mixes.push_back(Mix(salt, cams[salt]->Model().State()));
     }
 
     Failures failures;
