@@ -106,8 +106,9 @@ struct _GYRO_PARAM {
     int roll;
 };
 
-// Commands of the secure access module (SAM). 5 is not a command.
-enum _SAM_CMD_E {
+// Commands of the secure access module (SAM). 5 is not a command. The fixed
+// underlying type lets any byte an application passes be held and refused.
+enum _SAM_CMD_E : int {
     SAM_CMD_0 = 0,
     SAM_CMD_1 = 1,
     SAM_CMD_READ_NUMBER = 2,      // delivers `number`
