@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kSharedThreads = 8;
 constexpr int kOwnObjects = 4;
-constexpr int kDefaultIterations = 300;
+constexpr int kDefaultIterations = 1000;
 
 int Iterations() {
     const char* v = std::getenv("TARVIK_STRESS_ITERATIONS");
