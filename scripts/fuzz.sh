@@ -2,7 +2,7 @@
 # Builds the libFuzzer targets (clang, ASan+UBSan) and runs every one of them.
 #   scripts/fuzz.sh              60 seconds per target
 #   scripts/fuzz.sh SECONDS      SECONDS per target
-#   scripts/fuzz.sh --ci         the short run CI makes: 15 seconds per target
+#   scripts/fuzz.sh --ci         the short run CI makes: 10 seconds per target
 #   scripts/fuzz.sh --runs N     N executions per target (the long run)
 # Exits non-zero when a target finds anything (crash, sanitizer report, broken
 # invariant, leak, hang); the input that did it is kept under
@@ -14,7 +14,7 @@ seconds=60
 runs=
 case "${1:-}" in
   "") ;;
-  --ci) seconds=15 ;;
+  --ci) seconds=10 ;;
   --runs) runs="${2:?--runs needs a count}" ;;
   *[!0-9]*) echo "usage: $0 [SECONDS | --ci | --runs N]" >&2; exit 2 ;;
   *) seconds="$1" ;;
