@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The test command: installs what is missing, then configures, builds and runs
 # the whole suite in the normal build, under ASan+UBSan and under TSan.
-#   scripts/test.sh            all three
+#   scripts/test.sh            all three, then a short run of every fuzzer
 #   scripts/test.sh debug      one preset (debug, asan, tsan, release)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -15,8 +15,10 @@ if [ -z "${SOURCE_DATE_EPOCH:-}" ] && git rev-parse HEAD >/dev/null 2>&1; then
 fi
 
 presets=("$@")
+fuzz=no
 if [ ${#presets[@]} -eq 0 ]; then
   presets=(debug asan tsan)
+  fuzz=yes
 fi
 
 for preset in "${presets[@]}"; do
@@ -28,3 +30,8 @@ for preset in "${presets[@]}"; do
     scripts/check-install.sh "build/${preset}"
   fi
 done
+
+if [ "${fuzz}" = yes ]; then
+  echo "=== fuzz ==="
+  scripts/fuzz.sh --ci
+fi
