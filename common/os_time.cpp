@@ -10,14 +10,13 @@ constexpr unsigned long kSlowCallThresholdUs = 999999;
 }  // namespace
 
 unsigned long os_gettime_us() {
-    struct timeval tv{};
+    struct timeval tv {};
     gettimeofday(&tv, nullptr);
-    return static_cast<unsigned long>(tv.tv_sec) * 1000000UL + static_cast<unsigned long>(tv.tv_usec);
+    return static_cast<unsigned long>(tv.tv_sec) * 1000000UL +
+           static_cast<unsigned long>(tv.tv_usec);
 }
 
-double diff_ms(long later, long earlier) {
-    return static_cast<double>((later - earlier) / 1000);
-}
+double diff_ms(long later, long earlier) { return static_cast<double>((later - earlier) / 1000); }
 
 void PrintLongTime(unsigned long elapsedUs) {
     if (elapsedUs > kSlowCallThresholdUs) {

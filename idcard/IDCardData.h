@@ -9,7 +9,7 @@
 #include "tarvik_export.h"
 
 class TARVIK_API IDCardData {
-  public:
+public:
     std::wstring name;
     std::wstring sex;
     std::wstring nation;

@@ -161,7 +161,8 @@ private:
     TARVIK_HIDDEN HRESULT ReadSamItem(const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out);
     // Its data phase: the packet, its status and checksum, the delivery.
     TARVIK_HIDDEN HRESULT ReceiveSamPacket(unsigned cmd, const tarvik::sam::FirstAnswer& answer,
-                             std::array<unsigned char, 60>& frame, _SAM_OUT_PARAM* out);
+                                           std::array<unsigned char, 60>& frame,
+                                           _SAM_OUT_PARAM* out);
 
     libusb_context* m_pContext;
     libusb_device_handle* m_pDevHandle;

@@ -72,8 +72,8 @@ HRESULT TarvikImpl::zq_WriteManualAE(const _MAE_PARAM& param) {
     }
     const HRESULT check = tarvik::check_manual_ae(et, param);
     if (check == tarvik::kErrOutOfRange) {
-        TLOG("-----> WriteManualAE, error, value is out of range: [%u, %u], [%u, %u]", et.left.etMin,
-             et.left.etMax, et.right.etMin, et.right.etMax);
+        TLOG("-----> WriteManualAE, error, value is out of range: [%u, %u], [%u, %u]",
+             et.left.etMin, et.left.etMax, et.right.etMin, et.right.etMax);
         return check;
     }
     if (check == tarvik::kErrNotManualMode) {

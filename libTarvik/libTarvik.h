@@ -167,6 +167,7 @@ struct _I2C_PARAM {
 // ---------------------------------------------------------------------------
 // The interface. Slot order is part of the ABI.
 // ---------------------------------------------------------------------------
+// clang-format off
 class libTarvik {
 public:
     virtual HRESULT zq_ReadVersion(_VERSION_PARAM* param) = 0;                     // 0
@@ -192,12 +193,14 @@ public:
     virtual HRESULT zq_ReadAutoFocusState(unsigned char* state) = 0;               // 20
     virtual ~libTarvik() {}                                                        // 21
 };
+// clang-format on
 
 extern "C" {
 // Opens the camera (outerHandle null; bus/deviceAddress select it, -1 in
 // either means the first camera found) or adopts the application's handle,
 // which stays the application's. Returns null when the camera can't be opened.
-TARVIK_API libTarvik* zq_CreateTarvik(libusb_device_handle* outerHandle, int bus, int deviceAddress);
+TARVIK_API libTarvik* zq_CreateTarvik(libusb_device_handle* outerHandle, int bus,
+                                      int deviceAddress);
 
 // Destroys an object made by zq_CreateTarvik; null is ignored.
 TARVIK_API void zq_ReleaseTarvik(libTarvik* plugin);

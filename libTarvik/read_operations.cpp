@@ -68,8 +68,8 @@ HRESULT TarvikImpl::zq_ReadMJpegQp(_MJPEG_QP_PARAM* param) {
     }
     const unsigned long start = os_gettime_us();
     std::memset(param, 0, sizeof *param);
-    const HRESULT r =
-        tarvik::RunRead(*this, OperationName{kReadArrow, "ReadMJpegQp"}, EXT_ITEM_MJPEG_QP, nullptr, param);
+    const HRESULT r = tarvik::RunRead(*this, OperationName{kReadArrow, "ReadMJpegQp"},
+                                      EXT_ITEM_MJPEG_QP, nullptr, param);
     // This member reports its time after a final failure too.
     TLOG_CONSUMED("ReadMJpegQp", start);
     return r;
@@ -98,8 +98,8 @@ HRESULT TarvikImpl::zq_ReadVCM(_VCM_MODE_E mode, unsigned short* value) {
     const unsigned long start = os_gettime_us();
     *value = 0;
     _VCM_MODE_E requested = mode;  // the request carries its low byte
-    const HRESULT r =
-        tarvik::RunRead(*this, OperationName{kWriteArrow, "ReadVCM"}, EXT_ITEM_VCM, &requested, value);
+    const HRESULT r = tarvik::RunRead(*this, OperationName{kWriteArrow, "ReadVCM"}, EXT_ITEM_VCM,
+                                      &requested, value);
     if (r != 0) {
         return r;
     }
@@ -108,11 +108,10 @@ HRESULT TarvikImpl::zq_ReadVCM(_VCM_MODE_E mode, unsigned short* value) {
 }
 
 HRESULT TarvikImpl::zq_ReadAutoFocusState(unsigned char* state) {
-    return readThroughLocal<unsigned int>(*this, "ReadStreamState", EXT_ITEM_STREAM_STATE, state,
-                                          [](unsigned int streamState) {
-                                              return static_cast<unsigned char>(streamState >>
-                                                                                kAutoFocusShift);
-                                          });
+    return readThroughLocal<unsigned int>(
+        *this, "ReadStreamState", EXT_ITEM_STREAM_STATE, state, [](unsigned int streamState) {
+            return static_cast<unsigned char>(streamState >> kAutoFocusShift);
+        });
 }
 
 HRESULT TarvikImpl::ReadStreamState(unsigned int* state) {

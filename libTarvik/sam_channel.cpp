@@ -21,9 +21,9 @@ namespace sam = tarvik::sam;
 namespace {
 
 constexpr HRESULT kInvalidCommand = 1;
-constexpr int kResultUntrusted = 2;    // checksum failed, or the answer broke a condition
-constexpr int kResultFrameLost = -2;   // a continuation frame could not be read
-constexpr int kResultSamBusy = -3;     // samResult 1
+constexpr int kResultUntrusted = 2;   // checksum failed, or the answer broke a condition
+constexpr int kResultFrameLost = -2;  // a continuation frame could not be read
+constexpr int kResultSamBusy = -3;    // samResult 1
 constexpr int kResultSamFailed = -1;
 
 unsigned hex(HRESULT r) { return static_cast<unsigned>(r); }

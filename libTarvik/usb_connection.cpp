@@ -75,9 +75,10 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
         libusb_device_descriptor desc{};
         if (libusb_get_device_descriptor(dev, &desc) != 0) {
             const UsbErrno e = usbErrnoNow();
-            std::fprintf(stderr,
-                         "libTarvik: libusb_get_device_descriptor failed. libusb errno=%d, %s, %s.\n",
-                         e.code, e.name, e.text);
+            std::fprintf(
+                stderr,
+                "libTarvik: libusb_get_device_descriptor failed. libusb errno=%d, %s, %s.\n",
+                e.code, e.name, e.text);
             continue;
         }
         printDeviceLine(desc, dev);

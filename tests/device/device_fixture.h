@@ -84,9 +84,7 @@ inline std::string Describe(const std::vector<sim::Transfer>& log) {
 class CameraTest : public testing::Test {
 protected:
     void SetUp() override { m_camera = &m_bed.AddCamera(1, 2); }
-    void TearDown() override {
-        transport::set_control_timeout_ms(transport::kControlTimeoutMs);
-    }
+    void TearDown() override { transport::set_control_timeout_ms(transport::kControlTimeoutMs); }
 
     sim::Camera& Cam() { return *m_camera; }
     sim::CameraModel& Model() { return m_camera->Model(); }

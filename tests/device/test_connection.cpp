@@ -22,7 +22,8 @@ Created Create(libusb_device_handle* handle, int bus, int address) {
     return {std::move(impl), capture.Take()};
 }
 
-std::string ListingLine(int bus, int address, std::uint16_t vid = 0x0AC8, std::uint16_t pid = 0x010C) {
+std::string ListingLine(int bus, int address, std::uint16_t vid = 0x0AC8,
+                        std::uint16_t pid = 0x010C) {
     char line[96];
     std::snprintf(line, sizeof line, "vid:pid[0x%04x:0x%04x] (bus %d, device %d)\n", vid, pid, bus,
                   address);
@@ -74,13 +75,15 @@ TEST_P(Selection, OpensTheCameraTheArgumentsName) {
     // The chosen line comes last: the walk ends with the first device taken.
     const std::string& chosen = plain.back();
     std::smatch m;
-    ASSERT_TRUE(std::regex_match(chosen, m, std::regex(std::string("ok, ") + c.how +
-                                                       ", 0x0ac8:0x010c \\(bus (\\d+), device (\\d+)\\)\n")))
+    ASSERT_TRUE(std::regex_match(chosen, m,
+                                 std::regex(std::string("ok, ") + c.how +
+                                            ", 0x0ac8:0x010c \\(bus (\\d+), device (\\d+)\\)\n")))
         << created.out;
     const int bus = std::stoi(m[1]);
     const int address = std::stoi(m[2]);
     ASSERT_GE(plain.size(), 2u);
-    EXPECT_EQ(plain[plain.size() - 2], ListingLine(bus, address)) << "chosen device listed just before";
+    EXPECT_EQ(plain[plain.size() - 2], ListingLine(bus, address))
+        << "chosen device listed just before";
 
     const int answering = CameraThatAnswers(bed, *created.impl);
     ASSERT_GE(answering, 0);
@@ -102,14 +105,14 @@ TEST_P(Selection, OpensTheCameraTheArgumentsName) {
         << messages.front();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, Selection,
-    testing::Values(SelectCase{"Wildcard", -1, -1, -1, "found"},
-                    SelectCase{"OneMinusOneSwitchesOffBothTests", 2, -1, -1, "found"},
-                    SelectCase{"AddressAloneWildcard", -1, 4, -1, "found"},
-                    SelectCase{"ExplicitFirst", 1, 2, 0, "matched"},
-                    SelectCase{"ExplicitSecond", 3, 4, 1, "matched"}),
-    [](const auto& p) { return std::string(p.param.label); });
+INSTANTIATE_TEST_SUITE_P(Cases, Selection,
+                         testing::Values(SelectCase{"Wildcard", -1, -1, -1, "found"},
+                                         SelectCase{"OneMinusOneSwitchesOffBothTests", 2, -1, -1,
+                                                    "found"},
+                                         SelectCase{"AddressAloneWildcard", -1, 4, -1, "found"},
+                                         SelectCase{"ExplicitFirst", 1, 2, 0, "matched"},
+                                         SelectCase{"ExplicitSecond", 3, 4, 1, "matched"}),
+                         [](const auto& p) { return std::string(p.param.label); });
 
 struct NotFoundCase {
     const char* label;
@@ -140,16 +143,16 @@ TEST_P(NotFound, ReturnsNullAndLeavesNothingOpen) {
     EXPECT_EQ(messages[5], "libTarvik: sdk inner open device failed.\n");
     // The foreign device was listed, and nothing was taken.
     const std::vector<std::string> plain = PlainLines(created.out);
-    EXPECT_NE(std::find(plain.begin(), plain.end(), ListingLine(5, 6, 0x1D6B, 0x0104)), plain.end());
+    EXPECT_NE(std::find(plain.begin(), plain.end(), ListingLine(5, 6, 0x1D6B, 0x0104)),
+              plain.end());
     for (const std::string& p : plain) EXPECT_EQ(p.rfind("ok, ", 0), std::string::npos) << p;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, NotFound,
-    testing::Values(NotFoundCase{"NoCameraWildcard", false, -1, -1},
-                    NotFoundCase{"ForeignDeviceAtTheAddress", true, 5, 6},
-                    NotFoundCase{"NothingAtTheAddress", true, 7, 7}),
-    [](const auto& p) { return std::string(p.param.label); });
+INSTANTIATE_TEST_SUITE_P(Cases, NotFound,
+                         testing::Values(NotFoundCase{"NoCameraWildcard", false, -1, -1},
+                                         NotFoundCase{"ForeignDeviceAtTheAddress", true, 5, 6},
+                                         NotFoundCase{"NothingAtTheAddress", true, 7, 7}),
+                         [](const auto& p) { return std::string(p.param.label); });
 
 TEST(KernelDriver, DetachedWhileOpenAndReattachedOnRelease) {
     sim::Testbed bed;

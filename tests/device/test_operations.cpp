@@ -25,9 +25,9 @@ struct OperationCase {
     std::function<HRESULT(TarvikImpl&)> call;
     std::uint32_t item;
     bool write;
-    const char* arrowName;    // "<----- ReadVersion" as in its failure lines
-    const char* retryName;    // as in the retry routine's lines
-    const char* timingName;   // as in its timing line
+    const char* arrowName;   // "<----- ReadVersion" as in its failure lines
+    const char* retryName;   // as in the retry routine's lines
+    const char* timingName;  // as in its timing line
 };
 
 // Drops the read transactions' own failure lines.
@@ -40,40 +40,96 @@ std::vector<std::string> WithoutTransactionLines(const std::vector<std::string>&
 }
 
 const OperationCase kOperations[] = {
-    {"ReadVersion", [](TarvikImpl& t) { _VERSION_PARAM p{}; return t.zq_ReadVersion(&p); }, 5, false,
-     "<----- ReadVersion", "ReadVersion", "ReadVersion"},
-    {"ReadMJpegQp", [](TarvikImpl& t) { _MJPEG_QP_PARAM p{}; return t.zq_ReadMJpegQp(&p); }, 2, false,
-     "<----- ReadMJpegQp", "ReadMJpegQp", "ReadMJpegQp"},
-    {"ReadGyro", [](TarvikImpl& t) { _GYRO_PARAM p{}; return t.zq_ReadGyro(&p); }, 16, false,
-     "<----- ReadGyro", "ReadGyro", "ReadGyro"},
-    {"ReadRoiStatus", [](TarvikImpl& t) { unsigned p = 0; return t.zq_ReadRoiStatus(&p); }, 7, false,
-     "<----- ReadRoiStatus", "ReadRoiStatus", "ReadRoiStatus"},
-    {"ReadROI", [](TarvikImpl& t) { _ROI_PARAM p{}; return t.zq_ReadROI(&p); }, 6, false,
-     "<----- ReadROI", "ReadROI", "ReadROI"},
-    {"ReadDeviceId", [](TarvikImpl& t) { _DEVICE_ID_PARAM p{}; return t.zq_ReadDeviceId(&p); }, 9, false,
-     "<----- ReadDeviceId", "ReadDeviceId", "ReadDeviceId"},
-    {"ReadDeviceSn", [](TarvikImpl& t) { _DEVICE_SN_PARAM p{}; return t.zq_ReadDeviceSn(&p); }, 8, false,
-     "<----- ReadDeviceSn", "ReadDeviceSn", "ReadDeviceSn"},
-    {"ReadVCM", [](TarvikImpl& t) { unsigned short v = 0; return t.zq_ReadVCM(VCM_MODE_0, &v); }, 18, false,
-     "-----> ReadVCM", "ReadVCM", "ReadVCM"},
-    {"ReadAutoFocusState", [](TarvikImpl& t) { unsigned char s = 0; return t.zq_ReadAutoFocusState(&s); }, 13,
-     false, "<----- ReadStreamState", "ReadStreamState", "ReadStreamState"},
-    {"ReadStreamState", [](TarvikImpl& t) { unsigned s = 0; return t.ReadStreamState(&s); }, 13, false,
-     "<----- ReadStreamState", "ReadStreamState", "ReadStreamState"},
-    {"ReadLastId", [](TarvikImpl& t) { short s = 0; return t.ReadLastId(&s); }, 14, false,
-     "<----- ReadLastId", "ReadLastId", "ReadLastId"},
-    {"WriteMJpegQp", [](TarvikImpl& t) { return t.zq_WriteMJpegQp(_MJPEG_QP_PARAM{{1, 2, 3, 4}}); }, 2, true,
-     "-----> WriteMJpegQp", "WriteMJpegQp", "WriteMJpegQp"},
-    {"WriteROI", [](TarvikImpl& t) { return t.zq_WriteROI(_ROI_PARAM{{1, 2, 3, 4}}); }, 6, true,
-     "-----> WriteROI", "WriteROI", "WriteROI"},
+    {"ReadVersion",
+     [](TarvikImpl& t) {
+         _VERSION_PARAM p{};
+         return t.zq_ReadVersion(&p);
+     },
+     5, false, "<----- ReadVersion", "ReadVersion", "ReadVersion"},
+    {"ReadMJpegQp",
+     [](TarvikImpl& t) {
+         _MJPEG_QP_PARAM p{};
+         return t.zq_ReadMJpegQp(&p);
+     },
+     2, false, "<----- ReadMJpegQp", "ReadMJpegQp", "ReadMJpegQp"},
+    {"ReadGyro",
+     [](TarvikImpl& t) {
+         _GYRO_PARAM p{};
+         return t.zq_ReadGyro(&p);
+     },
+     16, false, "<----- ReadGyro", "ReadGyro", "ReadGyro"},
+    {"ReadRoiStatus",
+     [](TarvikImpl& t) {
+         unsigned p = 0;
+         return t.zq_ReadRoiStatus(&p);
+     },
+     7, false, "<----- ReadRoiStatus", "ReadRoiStatus", "ReadRoiStatus"},
+    {"ReadROI",
+     [](TarvikImpl& t) {
+         _ROI_PARAM p{};
+         return t.zq_ReadROI(&p);
+     },
+     6, false, "<----- ReadROI", "ReadROI", "ReadROI"},
+    {"ReadDeviceId",
+     [](TarvikImpl& t) {
+         _DEVICE_ID_PARAM p{};
+         return t.zq_ReadDeviceId(&p);
+     },
+     9, false, "<----- ReadDeviceId", "ReadDeviceId", "ReadDeviceId"},
+    {"ReadDeviceSn",
+     [](TarvikImpl& t) {
+         _DEVICE_SN_PARAM p{};
+         return t.zq_ReadDeviceSn(&p);
+     },
+     8, false, "<----- ReadDeviceSn", "ReadDeviceSn", "ReadDeviceSn"},
+    {"ReadVCM",
+     [](TarvikImpl& t) {
+         unsigned short v = 0;
+         return t.zq_ReadVCM(VCM_MODE_0, &v);
+     },
+     18, false, "-----> ReadVCM", "ReadVCM", "ReadVCM"},
+    {"ReadAutoFocusState",
+     [](TarvikImpl& t) {
+         unsigned char s = 0;
+         return t.zq_ReadAutoFocusState(&s);
+     },
+     13, false, "<----- ReadStreamState", "ReadStreamState", "ReadStreamState"},
+    {"ReadStreamState",
+     [](TarvikImpl& t) {
+         unsigned s = 0;
+         return t.ReadStreamState(&s);
+     },
+     13, false, "<----- ReadStreamState", "ReadStreamState", "ReadStreamState"},
+    {"ReadLastId",
+     [](TarvikImpl& t) {
+         short s = 0;
+         return t.ReadLastId(&s);
+     },
+     14, false, "<----- ReadLastId", "ReadLastId", "ReadLastId"},
+    {"WriteMJpegQp",
+     [](TarvikImpl& t) {
+         return t.zq_WriteMJpegQp(_MJPEG_QP_PARAM{{1, 2, 3, 4}});
+     },
+     2, true, "-----> WriteMJpegQp", "WriteMJpegQp", "WriteMJpegQp"},
+    {"WriteROI",
+     [](TarvikImpl& t) {
+         return t.zq_WriteROI(_ROI_PARAM{{1, 2, 3, 4}});
+     },
+     6, true, "-----> WriteROI", "WriteROI", "WriteROI"},
     {"WriteDeviceId", [](TarvikImpl& t) { return t.zq_WriteDeviceId(_DEVICE_ID_PARAM{}); }, 9, true,
      "-----> WriteDeviceId", "WriteDeviceId", "WriteDeviceId"},
     {"WriteDeviceSn", [](TarvikImpl& t) { return t.zq_WriteDeviceSn(_DEVICE_SN_PARAM{}); }, 8, true,
      "-----> WriteDeviceSn", "WriteDeviceSn", "WriteDeviceSn"},
-    {"WriteGpio", [](TarvikImpl& t) { return t.zq_WriteGpio(_GPIO_PARAM{{1, 0}}); }, 17, true,
-     "-----> WriteGpio", "WriteGPIO", "WriteGpio"},
-    {"WriteVCM", [](TarvikImpl& t) { return t.zq_WriteVCM(_VCM_PARAM{0, 0, 5, VCM_MODE_0}); }, 18, true,
-     "-----> WriteVCM", "WriteVCM", "WriteVCM"},
+    {"WriteGpio",
+     [](TarvikImpl& t) {
+         return t.zq_WriteGpio(_GPIO_PARAM{{1, 0}});
+     },
+     17, true, "-----> WriteGpio", "WriteGPIO", "WriteGpio"},
+    {"WriteVCM",
+     [](TarvikImpl& t) {
+         return t.zq_WriteVCM(_VCM_PARAM{0, 0, 5, VCM_MODE_0});
+     },
+     18, true, "-----> WriteVCM", "WriteVCM", "WriteVCM"},
 };
 
 class Operations : public CameraTest, public testing::WithParamInterface<OperationCase> {
@@ -96,7 +152,8 @@ protected:
     }
     // Makes every transfer of the operation's direction fail `count` times.
     void Fail(int count) {
-        Model().InjectFault(Fault{FaultKind::kStall, 14, GetParam().write ? Direction::kOut : Direction::kIn,
+        Model().InjectFault(Fault{FaultKind::kStall, 14,
+                                  GetParam().write ? Direction::kOut : Direction::kIn,
                                   sim::kAnyRequest, count});
     }
 };
@@ -273,7 +330,8 @@ TEST_F(ReadOperations, SlowCallIsReported) {
     const std::vector<std::string> lines = Messages(capture.Take());
     ASSERT_EQ(lines.size(), 2u);
     std::smatch m;
-    ASSERT_TRUE(std::regex_match(lines[0], m, std::regex(R"(########## ReadROI end, consumed time: (\d+)\.\d+ ms\n)")));
+    ASSERT_TRUE(std::regex_match(
+        lines[0], m, std::regex(R"(########## ReadROI end, consumed time: (\d+)\.\d+ ms\n)")));
     EXPECT_GE(std::stoi(m[1]), 1100);
     EXPECT_EQ(lines[1], "########## operator time too long, more than 1s\n");
 }
@@ -339,10 +397,11 @@ TEST_F(ReadOperations, ExposureOperationsOnTheFixedResultMembers) {
     capture.Start();
     EXPECT_EQ(t->zq_WriteETMode(_DUAL_ET_MODE{1, 1}), -2);
     EXPECT_EQ(t->zq_WriteETMode(_DUAL_ET_MODE{1, 0}), -103);
-    EXPECT_EQ(Messages(capture.Take()),
-              (std::vector<std::string>{
-                  "-----> WriteETMode, hr=0xfffffffe",
-                  "-----> WriteETMode, error, left eye mode [1] should be same as right eye mode [0]"}));
+    EXPECT_EQ(
+        Messages(capture.Take()),
+        (std::vector<std::string>{
+            "-----> WriteETMode, hr=0xfffffffe",
+            "-----> WriteETMode, error, left eye mode [1] should be same as right eye mode [0]"}));
     EXPECT_TRUE(Cam().Log().empty());
 }
 

@@ -114,7 +114,8 @@ TEST_F(Sam, InvalidCommandsSendNothingOnTheChannel) {
     for (unsigned cmd : {5u, 8u, 255u}) {
         SamRun run = Run(cmd);
         EXPECT_EQ(run.result, 1);
-        EXPECT_EQ(run.lines, std::vector<std::string>{"ReadByExtItem, invalid sam cmd: " + std::to_string(cmd)});
+        EXPECT_EQ(run.lines, std::vector<std::string>{"ReadByExtItem, invalid sam cmd: " +
+                                                      std::to_string(cmd)});
         EXPECT_TRUE(run.channel.empty());
         EXPECT_EQ(run.out->result, static_cast<int>(0xCDCDCDCD)) << "the record is untouched";
     }
@@ -170,12 +171,11 @@ TEST_P(SamStatus, StatusBytesGiveTheResult) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Codes, SamStatus,
-                         testing::Values(StatusCase{0, 0, 0x90, 0, true}, StatusCase{0, 0, 0x9F, 1, true},
-                                         StatusCase{0, 1, 0x9F, -1, false},
-                                         StatusCase{0x6A, 0x82, 0x41, 13, false},
-                                         StatusCase{0, 0, 0x80, 17, false},
-                                         StatusCase{0, 0, 0x55, -1, false}));
+INSTANTIATE_TEST_SUITE_P(
+    Codes, SamStatus,
+    testing::Values(StatusCase{0, 0, 0x90, 0, true}, StatusCase{0, 0, 0x9F, 1, true},
+                    StatusCase{0, 1, 0x9F, -1, false}, StatusCase{0x6A, 0x82, 0x41, 13, false},
+                    StatusCase{0, 0, 0x80, 17, false}, StatusCase{0, 0, 0x55, -1, false}));
 
 TEST_F(Sam, DeviceResultWithoutPacket) {
     for (auto [samResult, expected] : {std::pair{1, -3}, std::pair{4, -1}, std::pair{-1, -1}}) {
@@ -195,7 +195,8 @@ TEST_F(Sam, ChecksumMismatchDeliversNothing) {
     EXPECT_EQ(run.out->result, 2);
     EXPECT_TRUE(OnlyResult(*run.out));
     ASSERT_EQ(run.lines.size(), 1u);
-    EXPECT_EQ(run.lines[0].rfind("SAM > data checksum error! cmd:3, calc value [0x", 0), 0u) << run.lines[0];
+    EXPECT_EQ(run.lines[0].rfind("SAM > data checksum error! cmd:3, calc value [0x", 0), 0u)
+        << run.lines[0];
 }
 
 // The camera's first answer frame, given byte for byte.
@@ -211,8 +212,9 @@ TEST_F(Sam, ExactFirstFrameOfCommandZero) {
         EXPECT_EQ(run.out->result, result);
         EXPECT_EQ(run.channel.size(), 2u);
         if (result == 2) {
-            EXPECT_EQ(run.lines, std::vector<std::string>{
-                                     "SAM > data checksum error! cmd:0, calc value [0x97] != [0x96]."});
+            EXPECT_EQ(run.lines,
+                      std::vector<std::string>{
+                          "SAM > data checksum error! cmd:0, calc value [0x97] != [0x96]."});
         } else {
             EXPECT_TRUE(run.lines.empty());
         }
@@ -232,8 +234,8 @@ TEST_F(Sam, FirstFrameFailureLeavesTheRecord) {
     Model().InjectFault(sim::Fault{sim::FaultKind::kStall, 14, sim::Direction::kIn});
     SamRun run = Run(3);
     EXPECT_EQ(run.result, LIBUSB_ERROR_PIPE);
-    EXPECT_EQ(run.lines,
-              std::vector<std::string>{"ReadByExtItem, _GetBytes error. extItemType=12, hr=0xfffffff7"});
+    EXPECT_EQ(run.lines, std::vector<std::string>{
+                             "ReadByExtItem, _GetBytes error. extItemType=12, hr=0xfffffff7"});
     EXPECT_EQ(run.out->result, static_cast<int>(0xCDCDCDCD));
 }
 
@@ -266,22 +268,25 @@ TEST_P(SamBroken, ReportedAndNothingDelivered) {
 
 INSTANTIATE_TEST_SUITE_P(
     Conditions, SamBroken,
-    testing::Values(
-        BrokenCase{"WrongEcho", 3, [](sim::CameraModel& m) { m.InjectSamFault(SamFault::kWrongEcho); },
-                   "input->cmd == proc->extItemSAM.cmd", 2},
-        BrokenCase{"CardPacketTooLong", 3, [](sim::CameraModel& m) { m.InjectSamFault(SamFault::kOversize); },
-                   "data_len < recv_buf_len", 2},
-        BrokenCase{"ShortBufferJustTooSmall", 1,
-                   [](sim::CameraModel& m) { m.Update([](sim::CameraState& s) { s.sam.dataLen = 62; }); },
-                   "data_len < recv_buf_len", 2},
-        BrokenCase{"NumberOverSixteenBytes", 2,
-                   [](sim::CameraModel& m) {
-                       m.Update([](sim::CameraState& s) {
-                           s.sam.dataLen = 21;
-                           s.sam.number = Bytes(17, 0x42);
-                       });
-                   },
-                   "num_len <= 16", 2}),
+    testing::Values(BrokenCase{"WrongEcho", 3,
+                               [](sim::CameraModel& m) { m.InjectSamFault(SamFault::kWrongEcho); },
+                               "input->cmd == proc->extItemSAM.cmd", 2},
+                    BrokenCase{"CardPacketTooLong", 3,
+                               [](sim::CameraModel& m) { m.InjectSamFault(SamFault::kOversize); },
+                               "data_len < recv_buf_len", 2},
+                    BrokenCase{"ShortBufferJustTooSmall", 1,
+                               [](sim::CameraModel& m) {
+                                   m.Update([](sim::CameraState& s) { s.sam.dataLen = 62; });
+                               },
+                               "data_len < recv_buf_len", 2},
+                    BrokenCase{"NumberOverSixteenBytes", 2,
+                               [](sim::CameraModel& m) {
+                                   m.Update([](sim::CameraState& s) {
+                                       s.sam.dataLen = 21;
+                                       s.sam.number = Bytes(17, 0x42);
+                                   });
+                               },
+                               "num_len <= 16", 2}),
     [](const auto& p) { return std::string(p.param.label); });
 
 TEST_F(Sam, ShortNumberStillFillsSixteenBytes) {

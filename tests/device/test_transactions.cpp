@@ -42,7 +42,7 @@ struct ReadCase {
     const char* label;
     UVC_EXT_ITEM_E item;
     size_t recordSize;
-    size_t from;   // answer bytes taken
+    size_t from;  // answer bytes taken
     size_t count;
 };
 
@@ -81,7 +81,8 @@ TEST_P(ReadItems, RequestAndRecord) {
         std::copy(taken.begin(), taken.end(), expected.begin());
     }
     EXPECT_EQ(Bytes(record.begin(), record.begin() + static_cast<long>(c.recordSize)), expected);
-    EXPECT_EQ(Bytes(record.begin() + static_cast<long>(c.recordSize), record.end()), Bytes(8, 0xEE));
+    EXPECT_EQ(Bytes(record.begin() + static_cast<long>(c.recordSize), record.end()),
+              Bytes(8, 0xEE));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -125,10 +126,11 @@ TEST_F(Transactions, DataBlockRequestAnswerAndCounter) {
     ASSERT_EQ(t->ReadByExtItem(EXT_ITEM_DATA_BLOCK, &block, nullptr), 0);
     block.length = 5;
     ASSERT_EQ(t->WriteByExtItem(EXT_ITEM_DATA_BLOCK, &block), 0);
-    EXPECT_EQ(Messages(capture.Take()),
-              (std::vector<std::string>{"===== read, tell m_nLastId [1] to device, next _SetBytes...",
-                                        "===== read, m_nLastId [2], next _GetBytes...",
-                                        "===== write, tell m_nLastId [3] to device, next _SetBytes..."}));
+    EXPECT_EQ(
+        Messages(capture.Take()),
+        (std::vector<std::string>{"===== read, tell m_nLastId [1] to device, next _SetBytes...",
+                                  "===== read, m_nLastId [2], next _GetBytes...",
+                                  "===== write, tell m_nLastId [3] to device, next _SetBytes..."}));
     EXPECT_EQ(ImplAccess::LastId(*t), 3);
 
     const std::vector<sim::Transfer> log = Cam().Log();
@@ -166,7 +168,8 @@ TEST_F(Transactions, DataBlockReadOfFewBytesClearsTheRest) {
     std::fill(std::begin(block.data), std::end(block.data), 0xEE);
     ASSERT_EQ(t->ReadByExtItem(EXT_ITEM_DATA_BLOCK, &block, nullptr), 0);
     Bytes expected(48, 0);
-    for (int i = 0; i < 5; ++i) expected[static_cast<size_t>(i)] = static_cast<std::uint8_t>(0x48 + i);
+    for (int i = 0; i < 5; ++i)
+        expected[static_cast<size_t>(i)] = static_cast<std::uint8_t>(0x48 + i);
     EXPECT_EQ(Bytes(std::begin(block.data), std::end(block.data)), expected);
 }
 
@@ -276,12 +279,18 @@ INSTANTIATE_TEST_SUITE_P(
     Items, WriteItems,
     testing::Values(
         WriteCase{"Et", EXT_ITEM_ET, EtRecord(), EtPayload()},
-        WriteCase{"MjpegQp", EXT_ITEM_MJPEG_QP, BytesOf(_MJPEG_QP_PARAM{{1, -2, 3, 0x7F}}),
+        WriteCase{"MjpegQp",
+                  EXT_ITEM_MJPEG_QP,
+                  BytesOf(_MJPEG_QP_PARAM{{1, -2, 3, 0x7F}}),
                   {1, 0, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF, 3, 0, 0, 0, 0x7F, 0, 0, 0}},
         WriteCase{"Beep", EXT_ITEM_BEEP, BytesOf(2u), {2, 0, 0, 0}},
-        WriteCase{"StatusLed", EXT_ITEM_STATUS_LED, BytesOf(_STATUS_LED_PARAM{7, 0x10009}),
+        WriteCase{"StatusLed",
+                  EXT_ITEM_STATUS_LED,
+                  BytesOf(_STATUS_LED_PARAM{7, 0x10009}),
                   {7, 0, 0, 0, 9, 0, 1, 0}},
-        WriteCase{"Roi", EXT_ITEM_ROI, BytesOf(_ROI_PARAM{{10, 20, 640, 480}}),
+        WriteCase{"Roi",
+                  EXT_ITEM_ROI,
+                  BytesOf(_ROI_PARAM{{10, 20, 640, 480}}),
                   {10, 0, 0, 0, 20, 0, 0, 0, 0x80, 2, 0, 0, 0xE0, 1, 0, 0}},
         WriteCase{"DeviceSn", EXT_ITEM_DEVICE_SN, Counting(0x30, 20), Counting(0x30, 20)},
         WriteCase{"DeviceId", EXT_ITEM_DEVICE_ID, Counting(0x61, 20), Counting(0x61, 20)},
@@ -290,8 +299,12 @@ INSTANTIATE_TEST_SUITE_P(
         WriteCase{"LedOn", EXT_ITEM_LED, LedRecord(1, 0x3C), LedPayload(0x0C)},
         WriteCase{"LedStateSeven", EXT_ITEM_LED, LedRecord(7, 5), LedPayload(0x05)},
         WriteCase{"LedOff", EXT_ITEM_LED, LedRecord(0, 5), LedPayload(0x15)},
-        WriteCase{"Gpio", EXT_ITEM_GPIO, BytesOf(_GPIO_PARAM{{3, -1}}), {3, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
-        WriteCase{"Vcm", EXT_ITEM_VCM,
+        WriteCase{"Gpio",
+                  EXT_ITEM_GPIO,
+                  BytesOf(_GPIO_PARAM{{3, -1}}),
+                  {3, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}},
+        WriteCase{"Vcm",
+                  EXT_ITEM_VCM,
                   BytesOf(_VCM_PARAM{0xA1, 0xB2, 0x1234, static_cast<_VCM_MODE_E>(0x102)}),
                   {0xA1, 0xB2, 0x34, 0x12, 0x02}}),
     [](const auto& p) { return std::string(p.param.label); });
@@ -327,7 +340,8 @@ TEST_F(Transactions, ItemsWithoutHandlingAnswerSeven) {
     TarvikPtr t = OpenPrimed();
     for (std::uint32_t item : {0u, 3u, 4u, 11u, 15u, 17u, 19u, 25u}) {
         Bytes record(64, 0xEE);
-        EXPECT_EQ(t->ReadByExtItem(static_cast<UVC_EXT_ITEM_E>(item), record.data(), record.data()), 7)
+        EXPECT_EQ(t->ReadByExtItem(static_cast<UVC_EXT_ITEM_E>(item), record.data(), record.data()),
+                  7)
             << item;
         EXPECT_EQ(record, Bytes(64, 0xEE)) << item;
         const std::vector<sim::Transfer> log = Cam().TakeLog();
@@ -350,13 +364,11 @@ TEST_F(Transactions, MissingRecordsEndBeforeAnythingIsSent) {
         UVC_EXT_ITEM_E item;
         void* input;
         void* output;
-    } cases[] = {{EXT_ITEM_VERSION, record.data(), nullptr},
-                 {EXT_ITEM_GYRO, nullptr, nullptr},
-                 {EXT_ITEM_DATA_BLOCK, nullptr, record.data()},
-                 {EXT_ITEM_VCM, nullptr, record.data()},
-                 {EXT_ITEM_VCM, record.data(), nullptr},
-                 {EXT_ITEM_SAM, &in, nullptr},
-                 {EXT_ITEM_SAM, nullptr, record.data()}};
+    } cases[] = {
+        {EXT_ITEM_VERSION, record.data(), nullptr},    {EXT_ITEM_GYRO, nullptr, nullptr},
+        {EXT_ITEM_DATA_BLOCK, nullptr, record.data()}, {EXT_ITEM_VCM, nullptr, record.data()},
+        {EXT_ITEM_VCM, record.data(), nullptr},        {EXT_ITEM_SAM, &in, nullptr},
+        {EXT_ITEM_SAM, nullptr, record.data()}};
     StdoutCapture capture;
     capture.Start();
     for (const Case& c : cases) EXPECT_EQ(t->ReadByExtItem(c.item, c.input, c.output), 1) << c.item;
@@ -398,7 +410,8 @@ TEST_F(Transactions, ThreadsSharingAnObjectGetTheirOwnAnswers) {
     _DEVICE_SN_PARAM snExpected{};
     std::copy(state.deviceSn.begin(), state.deviceSn.end(), snExpected.sn);
     _ROI_PARAM roiExpected{};
-    for (int i = 0; i < 4; ++i) roiExpected.roi[i] = static_cast<int>(state.roi[static_cast<size_t>(i)]);
+    for (int i = 0; i < 4; ++i)
+        roiExpected.roi[i] = static_cast<int>(state.roi[static_cast<size_t>(i)]);
     ASSERT_NE(BytesOf(roiExpected), Bytes(sizeof roiExpected, 0));
 
     constexpr int kRounds = 60;
@@ -406,13 +419,17 @@ TEST_F(Transactions, ThreadsSharingAnObjectGetTheirOwnAnswers) {
     std::thread roiReader([&] {
         for (int i = 0; i < kRounds; ++i) {
             _ROI_PARAM roi{};
-            if (t->ReadByExtItem(EXT_ITEM_ROI, nullptr, &roi) != 0 || BytesOf(roi) != BytesOf(roiExpected)) ++wrong;
+            if (t->ReadByExtItem(EXT_ITEM_ROI, nullptr, &roi) != 0 ||
+                BytesOf(roi) != BytesOf(roiExpected))
+                ++wrong;
         }
     });
     std::thread snReader([&] {
         for (int i = 0; i < kRounds; ++i) {
             _DEVICE_SN_PARAM sn{};
-            if (t->ReadByExtItem(EXT_ITEM_DEVICE_SN, nullptr, &sn) != 0 || BytesOf(sn) != BytesOf(snExpected)) ++wrong;
+            if (t->ReadByExtItem(EXT_ITEM_DEVICE_SN, nullptr, &sn) != 0 ||
+                BytesOf(sn) != BytesOf(snExpected))
+                ++wrong;
         }
     });
     roiReader.join();

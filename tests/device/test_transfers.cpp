@@ -128,7 +128,8 @@ TEST_F(Transfers, ControlShorterThanAValueIsReportedWithoutTransfer) {
     EXPECT_EQ(value, 99u);
     ASSERT_EQ(logger.messages.size(), 2u);
     for (const std::string& m : logger.messages) EXPECT_NE(m.find("size >= 4"), std::string::npos);
-    for (const sim::Transfer& x : Cam().Log()) EXPECT_EQ(x.setup.bRequest, 0x85) << sim::Describe(x);
+    for (const sim::Transfer& x : Cam().Log())
+        EXPECT_EQ(x.setup.bRequest, 0x85) << sim::Describe(x);
 }
 
 TEST_F(Transfers, NullValuePointerIsRejectedWithoutLocking) {
@@ -136,7 +137,8 @@ TEST_F(Transfers, NullValuePointerIsRejectedWithoutLocking) {
     StdoutCapture capture;
     capture.Start();
     EXPECT_EQ(t->_GetValue(2, nullptr), 1);
-    EXPECT_EQ(Messages(capture.Take()), std::vector<std::string>{"get value: invalid input arg.\n"});
+    EXPECT_EQ(Messages(capture.Take()),
+              std::vector<std::string>{"get value: invalid input arg.\n"});
     EXPECT_TRUE(Cam().Log().empty());
 }
 
@@ -197,14 +199,16 @@ Fault Make(FaultKind kind, Direction direction, int shortBy = 0) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, TransferFailures,
-    testing::Values(FailureCase{"ShortRead", Make(FaultKind::kShort, Direction::kIn, 30), 30},
-                    FailureCase{"ShortWrite", Make(FaultKind::kShort, Direction::kOut, 59), 1},
-                    FailureCase{"StallRead", Make(FaultKind::kStall, Direction::kIn), LIBUSB_ERROR_PIPE},
-                    FailureCase{"StallWrite", Make(FaultKind::kStall, Direction::kOut), LIBUSB_ERROR_PIPE},
-                    FailureCase{"GoneRead", Make(FaultKind::kGone, Direction::kIn), LIBUSB_ERROR_NO_DEVICE},
-                    FailureCase{"GoneWrite", Make(FaultKind::kGone, Direction::kOut), LIBUSB_ERROR_NO_DEVICE},
-                    FailureCase{"TimeoutRead", Make(FaultKind::kDelay, Direction::kIn), LIBUSB_ERROR_TIMEOUT},
-                    FailureCase{"TimeoutWrite", Make(FaultKind::kDelay, Direction::kOut), LIBUSB_ERROR_TIMEOUT}),
+    testing::Values(
+        FailureCase{"ShortRead", Make(FaultKind::kShort, Direction::kIn, 30), 30},
+        FailureCase{"ShortWrite", Make(FaultKind::kShort, Direction::kOut, 59), 1},
+        FailureCase{"StallRead", Make(FaultKind::kStall, Direction::kIn), LIBUSB_ERROR_PIPE},
+        FailureCase{"StallWrite", Make(FaultKind::kStall, Direction::kOut), LIBUSB_ERROR_PIPE},
+        FailureCase{"GoneRead", Make(FaultKind::kGone, Direction::kIn), LIBUSB_ERROR_NO_DEVICE},
+        FailureCase{"GoneWrite", Make(FaultKind::kGone, Direction::kOut), LIBUSB_ERROR_NO_DEVICE},
+        FailureCase{"TimeoutRead", Make(FaultKind::kDelay, Direction::kIn), LIBUSB_ERROR_TIMEOUT},
+        FailureCase{"TimeoutWrite", Make(FaultKind::kDelay, Direction::kOut),
+                    LIBUSB_ERROR_TIMEOUT}),
     [](const auto& p) { return std::string(p.param.label); });
 
 // The real timeout: a camera that never answers releases the caller after five seconds.

@@ -26,8 +26,8 @@ struct ImplAccess {
         const TarvikImpl& t = *reinterpret_cast<const TarvikImpl*>(storage);
         const auto* base = reinterpret_cast<const char*>(&t);
         auto at = [base](const void* member) { return static_cast<const char*>(member) - base; };
-        return {at(&t.m_pContext), at(&t.m_pDevHandle),   at(&t.m_bKernelDetached),
-                at(&t.m_mutex),    at(&t.m_bInnerOpened), at(&t.m_bMarkerSet),
+        return {at(&t.m_pContext), at(&t.m_pDevHandle),      at(&t.m_bKernelDetached),
+                at(&t.m_mutex),    at(&t.m_bInnerOpened),    at(&t.m_bMarkerSet),
                 at(&t.m_nLastId),  at(&t.m_vecValidDevices), at(&t.m_nProductType)};
     }
 };

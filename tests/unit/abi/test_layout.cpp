@@ -20,13 +20,15 @@ static_assert(sizeof(_VCM_PARAM) == 8 && offsetof(_VCM_PARAM, value) == 2 &&
 static_assert(sizeof(_ET_PARAM) == 24 && offsetof(_ET_PARAM, extra) == 12 &&
               offsetof(_ET_PARAM, flags) == 14);
 static_assert(sizeof(_DUAL_ET_PARAM) == 48 && offsetof(_DUAL_ET_PARAM, right) == 24);
-static_assert(sizeof(_MAE_PARAM) == 8 && sizeof(_DUAL_ET_RANGE) == 16 && sizeof(_DUAL_ET_MODE) == 8);
+static_assert(sizeof(_MAE_PARAM) == 8 && sizeof(_DUAL_ET_RANGE) == 16 &&
+              sizeof(_DUAL_ET_MODE) == 8);
 static_assert(sizeof(_GYRO_PARAM) == 8);
 static_assert(sizeof(_SAM_IN_PARAM) == 1);
 static_assert(sizeof(wchar_t) == 4);
 static_assert(offsetof(_SAM_OUT_PARAM, name) == 4 && offsetof(_SAM_OUT_PARAM, number) == 4);
 static_assert(offsetof(_SAM_OUT_PARAM, sex) == 4 + 30 * 4);
-static_assert(offsetof(_SAM_OUT_PARAM, reserved) == 4 + (30 + 16 + 16 + 16 + 70 + 36 + 30 + 16 + 16) * 4);
+static_assert(offsetof(_SAM_OUT_PARAM, reserved) ==
+              4 + (30 + 16 + 16 + 16 + 70 + 36 + 30 + 16 + 16) * 4);
 static_assert(offsetof(_SAM_OUT_PARAM, photo) == 4 + 282 * 4);
 static_assert(offsetof(_SAM_OUT_PARAM, fingerprint) == 4 + 282 * 4 + 1024);
 static_assert(sizeof(_SAM_OUT_PARAM) == 4 + 282 * 4 + 2048);

@@ -41,13 +41,12 @@ TEST_P(Int2ByteTest, PacksLittleEndianAndClearsTheRest) {
     EXPECT_EQ(Byte2Int(buf.data(), c.size), c.value);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Values, Int2ByteTest,
-    testing::Values(PackCase{258, 8, {0x02, 0x01, 0, 0, 0, 0, 0, 0}},
-                    PackCase{-1, 4, {0xFF, 0xFF, 0xFF, 0xFF}},
-                    PackCase{1, 8, {1, 0, 0, 0, 0, 0, 0, 0}},
-                    PackCase{0x12345678, 5, {0x78, 0x56, 0x34, 0x12, 0}},
-                    PackCase{INT32_MIN, 4, {0, 0, 0, 0x80}}));
+INSTANTIATE_TEST_SUITE_P(Values, Int2ByteTest,
+                         testing::Values(PackCase{258, 8, {0x02, 0x01, 0, 0, 0, 0, 0, 0}},
+                                         PackCase{-1, 4, {0xFF, 0xFF, 0xFF, 0xFF}},
+                                         PackCase{1, 8, {1, 0, 0, 0, 0, 0, 0, 0}},
+                                         PackCase{0x12345678, 5, {0x78, 0x56, 0x34, 0x12, 0}},
+                                         PackCase{INT32_MIN, 4, {0, 0, 0, 0x80}}));
 
 TEST_F(ByteTest, Byte2IntIgnoresBytesBeyondFour) {
     unsigned char bytes[8] = {0xFF, 0xFF, 0xFF, 0x7F, 0x11, 0x22, 0x33, 0x44};

@@ -22,7 +22,8 @@ TEST(LogLine, HexResultsPrintAsUnsigned) {
     testing::internal::CaptureStdout();
     TLOG("-----> SetMarker, hr=0x%x", static_cast<unsigned>(-2));
     const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(std::regex_match(out, std::regex("\r\\[File:[^,]+, Line:\\d+\\] -----> SetMarker, hr=0xfffffffe")))
+    EXPECT_TRUE(std::regex_match(
+        out, std::regex("\r\\[File:[^,]+, Line:\\d+\\] -----> SetMarker, hr=0xfffffffe")))
         << out;
 }
 
@@ -37,7 +38,8 @@ TEST(LogLine, ConcurrentLinesDoNotMix) {
     }
     for (auto& th : threads) th.join();
     const std::string out = testing::internal::GetCapturedStdout();
-    const std::regex line("\r\\[File:tests/unit/common/test_log\\.cpp, Line:\\d+\\] thread \\d line \\d+\n");
+    const std::regex line(
+        "\r\\[File:tests/unit/common/test_log\\.cpp, Line:\\d+\\] thread \\d line \\d+\n");
     size_t count = 0;
     for (std::sregex_iterator it(out.begin(), out.end(), line), end; it != end; ++it) ++count;
     EXPECT_EQ(count, 800u);

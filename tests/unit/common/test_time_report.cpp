@@ -22,8 +22,9 @@ TEST_P(SlowCallThreshold, WarnsOnlyFromOneSecond) {
     PrintLongTime(GetParam().elapsedUs);
     const std::string out = testing::internal::GetCapturedStdout();
     if (GetParam().warns) {
-        EXPECT_TRUE(std::regex_match(out, std::regex("\r\\[File:common/os_time\\.cpp, Line:\\d+\\] " +
-                                                     std::string("#+ operator time too long, more than 1s\n"))))
+        EXPECT_TRUE(std::regex_match(
+            out, std::regex("\r\\[File:common/os_time\\.cpp, Line:\\d+\\] " +
+                            std::string("#+ operator time too long, more than 1s\n"))))
             << out;
         EXPECT_NE(out.find(kSlowLine), std::string::npos);
     } else {
@@ -56,12 +57,11 @@ TEST_P(ConsumedTimeLine, PrintsMillisecondsAndRemainder) {
     EXPECT_EQ(out.find(kSlowLine) != std::string::npos, c.slow) << out;
 }
 
-INSTANTIATE_TEST_SUITE_P(Forms, ConsumedTimeLine,
-                         testing::Values(ConsumedCase{0, "0.0", false}, ConsumedCase{7, "0.7", false},
-                                         ConsumedCase{999, "0.999", false},
-                                         ConsumedCase{1005, "1.5", false},
-                                         ConsumedCase{1050, "1.50", false},
-                                         ConsumedCase{2000500, "2000.500", true}));
+INSTANTIATE_TEST_SUITE_P(
+    Forms, ConsumedTimeLine,
+    testing::Values(ConsumedCase{0, "0.0", false}, ConsumedCase{7, "0.7", false},
+                    ConsumedCase{999, "0.999", false}, ConsumedCase{1005, "1.5", false},
+                    ConsumedCase{1050, "1.50", false}, ConsumedCase{2000500, "2000.500", true}));
 
 TEST(ConsumedTimeLine, ClockSetBackWrapsAndCountsAsSlow) {
     const unsigned long elapsed = tarvik::ElapsedSince(os_gettime_us() + 5000000UL);
@@ -69,7 +69,8 @@ TEST(ConsumedTimeLine, ClockSetBackWrapsAndCountsAsSlow) {
     testing::internal::CaptureStdout();
     TLOG_CONSUMED("ReadVersion", os_gettime_us() + 5000000UL);
     const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(std::regex_search(out, std::regex("consumed time: 18446744073\\d{6}\\.\\d+ ms\n"))) << out;
+    EXPECT_TRUE(std::regex_search(out, std::regex("consumed time: 18446744073\\d{6}\\.\\d+ ms\n")))
+        << out;
     EXPECT_NE(out.find(kSlowLine), std::string::npos);
 }
 

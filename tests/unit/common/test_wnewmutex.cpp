@@ -28,7 +28,8 @@ TEST(WNewMutex, RecursionNeedsOneUnlockPerLock) {
     EXPECT_EQ(m.TryLock(), 1);  // the holder re-enters
     m.Unlock();
     m.Unlock();
-    EXPECT_EQ(onOtherThread([&] { return m.TryLock(); }), 0) << "still held after two of three unlocks";
+    EXPECT_EQ(onOtherThread([&] { return m.TryLock(); }), 0)
+        << "still held after two of three unlocks";
     m.Unlock();
     EXPECT_EQ(onOtherThread([&] {
                   const int got = m.TryLock();
