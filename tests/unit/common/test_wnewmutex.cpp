@@ -21,6 +21,15 @@ auto onOtherThread(F body) {
     return result;
 }
 
+// Whether another thread can take the lock now (it gives it back at once).
+bool freeForOthers(wNewMutex& m) {
+    return onOtherThread([&] {
+        const int got = m.TryLock();
+        if (got == 1) m.Unlock();
+        return got == 1;
+    });
+}
+
 TEST(WNewMutex, RecursionNeedsOneUnlockPerLock) {
     wNewMutex m;
     m.Lock();
@@ -28,15 +37,9 @@ TEST(WNewMutex, RecursionNeedsOneUnlockPerLock) {
     EXPECT_EQ(m.TryLock(), 1);  // the holder re-enters
     m.Unlock();
     m.Unlock();
-    EXPECT_EQ(onOtherThread([&] { return m.TryLock(); }), 0)
-        << "still held after two of three unlocks";
+    EXPECT_FALSE(freeForOthers(m)) << "still held after two of three unlocks";
     m.Unlock();
-    EXPECT_EQ(onOtherThread([&] {
-                  const int got = m.TryLock();
-                  if (got == 1) m.Unlock();
-                  return got;
-              }),
-              1);
+    EXPECT_TRUE(freeForOthers(m));
 }
 
 TEST(WNewMutex, WaitingThreadProceedsAfterTheLastUnlock) {
@@ -76,14 +79,9 @@ TEST(WNewMutex, UnlockByANonHolderChangesNothing) {
         m.Unlock();
         return 0;
     });
-    EXPECT_EQ(onOtherThread([&] { return m.TryLock(); }), 0) << "a stranger released the lock";
+    EXPECT_FALSE(freeForOthers(m)) << "a stranger released the lock";
     m.Unlock();
-    EXPECT_EQ(onOtherThread([&] {
-                  const int got = m.TryLock();
-                  if (got == 1) m.Unlock();
-                  return got;
-              }),
-              1);
+    EXPECT_TRUE(freeForOthers(m));
 }
 
 // Many threads constructing and using mutexes at once: the shared attribute is
