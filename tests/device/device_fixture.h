@@ -1,19 +1,15 @@
-// Shared pieces of the device-level tests: the library's real libusb against
-// simulated cameras, with the bytes on the wire and the lines on standard output.
+// The device layer of the tests: the library's real libusb against a simulated
+// camera, checked by the bytes on the wire and the lines on standard output.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <libusb.h>
 
-#include <array>
-#include <cstdint>
-#include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "TarvikImpl.h"
-#include "impl_access.h"
-#include "log_lines.h"
+#include "test_support.h"
 #include "testbed.h"
 #include "uvc_transport.h"
 
@@ -24,93 +20,87 @@ struct Releaser {
 };
 using TarvikPtr = std::unique_ptr<TarvikImpl, Releaser>;
 
-// Captures standard output from Start() to Take().
-class StdoutCapture {
-public:
-    StdoutCapture() = default;
-    StdoutCapture(const StdoutCapture&) = delete;
-    StdoutCapture& operator=(const StdoutCapture&) = delete;
-    ~StdoutCapture() {
-        if (m_active) testing::internal::GetCapturedStdout();
-    }
-    void Start() {
-        testing::internal::CaptureStdout();
-        m_active = true;
-    }
-    std::string Take() {
-        m_active = false;
-        return testing::internal::GetCapturedStdout();
-    }
+// How the library reaches the camera: the column every device table runs in.
+enum class Transport { kUsb };
 
-private:
-    bool m_active = false;
+inline std::string TransportName(const testing::TestParamInfo<Transport>& info) {
+    return info.param == Transport::kUsb ? "usb" : "kernel";
+}
+
+// What one call did: its result, its lines and the transfers it made.
+struct Outcome {
+    HRESULT result = 0;
+    std::string out;
+    std::vector<sim::Transfer> wire;
 };
 
-using Bytes = std::vector<std::uint8_t>;
-
-template <typename T>
-Bytes BytesOf(const T& value) {
-    Bytes b(sizeof value);
-    std::memcpy(b.data(), &value, sizeof value);
-    return b;
-}
-
-inline Bytes Zeros(size_t n) { return Bytes(n, 0); }
-
-// A 60-byte read request as the camera must receive it (product type 1).
-inline Bytes ReadRequest(std::uint32_t item) {
-    Bytes f(60, 0);
-    f[1] = 0x10;
-    for (int i = 0; i < 4; ++i) f[4 + i] = static_cast<std::uint8_t>(item >> (8 * i));
-    return f;
-}
-
-// The transfers of a log on one selector.
-inline std::vector<sim::Transfer> OnSelector(const std::vector<sim::Transfer>& log, int selector) {
-    std::vector<sim::Transfer> out;
-    for (const sim::Transfer& t : log) {
-        if (t.selector() == selector) out.push_back(t);
+// A setup packet on the extension unit: request type, request, selector, length.
+inline testing::AssertionResult IsRequest(const sim::Transfer& t, std::uint8_t type,
+                                          std::uint8_t request, int selector, int length) {
+    const sim::SetupPacket& s = t.setup;
+    if (s.bmRequestType == type && s.bRequest == request && s.wValue == selector << 8 &&
+        s.wIndex == 0x0500 && s.wLength == length) {
+        return testing::AssertionSuccess();
     }
-    return out;
+    return testing::AssertionFailure() << sim::Describe(t);
 }
 
-inline std::string Describe(const std::vector<sim::Transfer>& log) {
-    std::string s;
-    for (const sim::Transfer& t : log) s += sim::Describe(t) + "\n";
-    return s;
+inline testing::AssertionResult IsSetCur(const sim::Transfer& t, int selector, const Bytes& data) {
+    testing::AssertionResult setup = IsRequest(t, 0x21, 0x01, selector, static_cast<int>(data.size()));
+    if (!setup || t.out == data) return setup;
+    return testing::AssertionFailure() << sim::Describe(t) << "\n sent " << testing::PrintToString(t.out)
+                                       << "\n expected " << testing::PrintToString(data);
 }
 
-// One simulated camera on bus 1, address 2, and helpers to open it.
-class CameraTest : public testing::Test {
+inline testing::AssertionResult IsGetCur(const sim::Transfer& t, int selector, int length) {
+    return IsRequest(t, 0xA1, 0x81, selector, length);
+}
+
+// One simulated camera on bus 1, address 2, reached through the transport of
+// the test's parameter (usb when the test has none).
+class DeviceTest : public testing::Test {
 protected:
-    void SetUp() override { m_camera = &m_bed.AddCamera(1, 2); }
+    DeviceTest() : m_camera(&m_bed.AddCamera(1, 2)) {}
     void TearDown() override { transport::set_control_timeout_ms(transport::kControlTimeoutMs); }
 
     sim::Camera& Cam() { return *m_camera; }
+
+    // The camera answers the next read request with these frames.
+    void QueueAnswer(const std::vector<const char*>& frames) {
+        std::vector<sim::Frame> answer;
+        for (const char* f : frames) {
+            const Bytes b = Hex(f, sim::kFrameLength);
+            answer.emplace_back();
+            std::copy(b.begin(), b.end(), answer.back().begin());
+        }
+        m_camera->Model().QueueAnswer(answer);
+    }
     sim::CameraModel& Model() { return m_camera->Model(); }
 
-    // Opens the camera through the factory; the creation's lines are dropped,
-    // and so is the log of the transfers made so far.
-    TarvikPtr Open() {
+    // Opens the camera through the factory; its lines and transfers are dropped.
+    // With `primed`, the marker has been sent too.
+    TarvikPtr Open(Transport = Transport::kUsb, bool primed = true) {
         StdoutCapture quiet;
-        quiet.Start();
         TarvikPtr t(static_cast<TarvikImpl*>(zq_CreateTarvik(nullptr, -1, -1)));
+        if (t != nullptr && primed) t->SetMarker();
         quiet.Take();
         m_camera->ClearLog();
         return t;
     }
 
-    // Opens the camera and sends the marker, so that later logs hold the
-    // transaction frames alone.
-    TarvikPtr OpenPrimed() {
-        TarvikPtr t = Open();
-        EXPECT_EQ(t->SetMarker(), 0);
+    // Runs `call`, capturing its lines and its transfers.
+    Outcome Run(const std::function<HRESULT()>& call) {
         m_camera->ClearLog();
-        return t;
+        StdoutCapture capture;
+        Outcome o;
+        o.result = call();
+        o.out = capture.Take();
+        o.wire = m_camera->TakeLog();
+        return o;
     }
 
     sim::Testbed m_bed;
-    sim::Camera* m_camera = nullptr;
+    sim::Camera* m_camera;
 };
 
 }  // namespace tarvik::test

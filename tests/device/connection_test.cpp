@@ -1,0 +1,158 @@
+// Finding, opening, adopting and releasing the camera: the lines, the camera
+// chosen, and the kernel driver of interface 0.
+#include "device_fixture.h"
+
+namespace tarvik::test {
+namespace {
+
+const std::vector<std::string> kOpened = {
+    "libTarvik build time: * *",           "libTarvik: libusb_init...\n",
+    "libTarvik: libusb_get_device_list...\n",
+};
+
+struct OpenCase {
+    const char* name;
+    int bus;
+    int address;
+    const char* lastListed;          // the listing ends with the device taken
+    std::vector<std::string> after;  // the lines after the listing
+    bool opened;
+};
+
+constexpr const char* kAnyCamera = "| vid:pid[0x0ac8:0x010c] (bus *, device *)\n";
+
+// Cameras at 1:2 (kernel driver bound) and 7:8 (none), another device at 5:6.
+const OpenCase kCases[] = {
+    {"Wildcard", -1, -1, kAnyCamera, {"| ok, found, 0x0ac8:0x010c (bus *, device *)\n"}, true},
+    {"OneMinusOneIsWildcard", 5, -1, kAnyCamera, {"| ok, found, 0x0ac8:0x010c (bus *, device *)\n"}, true},
+    {"Matched",
+     7,
+     8,
+     "| vid:pid[0x0ac8:0x010c] (bus 7, device 8)\n",
+     {"| ok, matched, 0x0ac8:0x010c (bus 7, device 8)\n"},
+     true},
+    {"AnotherKindOfDevice",
+     5,
+     6,
+     "*",
+     {"libTarvik: not found, bus: 5 dev: 6. libusb errno=*, *, *.\n", "libTarvik: release_libusb.\n",
+      "libTarvik: sdk inner open device failed.\n"},
+     false},
+};
+
+class Opening : public testing::TestWithParam<OpenCase> {
+protected:
+    Opening() {
+        m_bed.AddCamera(1, 2);
+        m_bed.AddOtherDevice(5, 6);
+        m_bed.AddCamera(7, 8, false);
+    }
+    sim::Testbed m_bed;
+};
+
+TEST_P(Opening, LinesAndTheCameraOpened) {
+    const OpenCase& c = GetParam();
+    StdoutCapture capture;
+    TarvikPtr t(static_cast<TarvikImpl*>(zq_CreateTarvik(nullptr, c.bus, c.address)));
+    std::vector<std::string> lines = Lines(capture.Take());
+    // The listing: one line per device walked, in libusb's order, right after the list is made.
+    auto first = lines.begin() + std::min<size_t>(3, lines.size());
+    auto end = std::find_if(first, lines.end(), [](const std::string& l) { return l.rfind("| vid:pid[", 0) != 0; });
+    const std::vector<std::string> listing(first, end);
+    lines.erase(first, end);
+
+    std::vector<std::string> expected = kOpened;
+    expected.insert(expected.end(), c.after.begin(), c.after.end());
+    if (c.opened) {
+        expected.push_back("libTarvik: initialize_libusb ok.\n");
+        expected.push_back("libTarvik: sdk inner open device ok.\n");
+    }
+    EXPECT_TRUE(LinesMatch(lines, expected));
+    ASSERT_FALSE(listing.empty());
+    EXPECT_TRUE(Glob(c.lastListed, listing.back().c_str())) << listing.back();
+    if (!c.opened) {
+        EXPECT_EQ(listing.size(), 3u) << "every device is walked";
+    }
+    EXPECT_EQ(t != nullptr, c.opened);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Opening, testing::ValuesIn(kCases),
+                         [](const auto& p) { return p.param.name; });
+
+TEST(Opening, NoCameraAtAll) {
+    sim::Testbed bed;
+    bed.AddOtherDevice(5, 6);
+    StdoutCapture capture;
+    EXPECT_EQ(zq_CreateTarvik(nullptr, -1, -1), nullptr);
+    EXPECT_TRUE(LinesAre(capture.Take(),
+                         {"libTarvik build time: * *", "libTarvik: libusb_init...\n",
+                          "libTarvik: libusb_get_device_list...\n",
+                          "| vid:pid[0x1d6b:0x0104] (bus 5, device 6)\n",
+                          "libTarvik: not found, bus: -1 dev: -1. libusb errno=*, *, *.\n",
+                          "libTarvik: release_libusb.\n", "libTarvik: sdk inner open device failed.\n"}));
+}
+
+// Opening detaches the kernel driver of interface 0; releasing gives it back.
+// A camera without a driver is neither detached nor attached.
+TEST(Opening, KernelDriverDetachedAndGivenBack) {
+    sim::Testbed bed;
+    sim::Camera& bound = bed.AddCamera(1, 2);
+    sim::Camera& unbound = bed.AddCamera(1, 3, false);
+    StdoutCapture capture;
+    TarvikPtr a(static_cast<TarvikImpl*>(zq_CreateTarvik(nullptr, 1, 2)));
+    TarvikPtr b(static_cast<TarvikImpl*>(zq_CreateTarvik(nullptr, 1, 3)));
+    ASSERT_TRUE(a && b);
+    EXPECT_FALSE(bound.KernelDriverAttached());
+    EXPECT_TRUE(Private<DetachedTag>(*a));
+    EXPECT_FALSE(Private<DetachedTag>(*b));
+    a.reset();
+    b.reset();
+    const std::vector<std::string> lines = Lines(capture.Take());
+    EXPECT_EQ(lines.back(), "libTarvik: release_libusb.\n");
+    EXPECT_TRUE(bound.KernelDriverAttached());
+    EXPECT_FALSE(unbound.KernelDriverAttached());
+}
+
+// An adopted handle: no enumeration, no detach, and still the application's
+// after the release.
+TEST(Opening, AdoptedHandleStaysTheApplications) {
+    sim::Testbed bed;
+    sim::Camera& cam = bed.AddCamera(1, 2);
+    libusb_context* ctx = nullptr;
+    ASSERT_EQ(libusb_init(&ctx), 0);
+    libusb_device_handle* handle = libusb_open_device_with_vid_pid(ctx, 0x0AC8, 0x010C);
+    ASSERT_NE(handle, nullptr);
+    StdoutCapture capture;
+    TarvikPtr t(static_cast<TarvikImpl*>(zq_CreateTarvik(handle, 99, 99)));
+    _VERSION_PARAM version{};
+    EXPECT_EQ(t->zq_ReadVersion(&version), 0);
+    t.reset();
+    zq_ReleaseTarvik(nullptr);
+    const std::vector<std::string> lines = Lines(capture.Take());
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_TRUE(Glob("libTarvik: use outer handle [0x*] directly.\n", lines[0].c_str())) << lines[0];
+    EXPECT_TRUE(Glob("libTarvik build time: * *", lines[1].c_str()));
+    EXPECT_TRUE(cam.KernelDriverAttached());
+    unsigned char len[2] = {};
+    EXPECT_EQ(libusb_control_transfer(handle, 0xA1, 0x85, 14 << 8, 0x0500, len, 2, 1000), 2);
+    libusb_close(handle);
+    libusb_exit(ctx);
+}
+
+TEST(Opening, PrintDevsListsEveryDevice) {
+    sim::Testbed bed;
+    bed.AddOtherDevice(5, 6, 0x1234, 0xABCD);
+    libusb_context* ctx = nullptr;
+    ASSERT_EQ(libusb_init(&ctx), 0);
+    libusb_device** list = nullptr;
+    ASSERT_EQ(libusb_get_device_list(ctx, &list), 1);
+    StdoutCapture capture;
+    print_devs(list);
+    print_devs(nullptr);
+    EXPECT_EQ(capture.Take(), "vid:pid[0x1234:0xabcd] (bus 5, device 6)\n");
+    libusb_free_device_list(list, 1);
+    libusb_exit(ctx);
+}
+
+}  // namespace
+}  // namespace tarvik::test
