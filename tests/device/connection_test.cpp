@@ -139,6 +139,24 @@ TEST(Opening, AdoptedHandleStaysTheApplications) {
     libusb_exit(ctx);
 }
 
+// A camera gone between the listing and the detach: -1, and nothing kept.
+TEST(Opening, CameraGoneBeforeTheDetach) {
+    sim::Testbed bed;
+    sim::Camera& cam = bed.AddCamera(1, 2);
+    cam.Model().InjectFault({sim::FaultKind::kGoneForGood, sim::kAnySelector});
+    cam.Model().Handle(sim::SetupPacket{0xA1, 0x85, 14 << 8, 0x0500, 2}, {});  // the fault strikes
+    StdoutCapture capture;
+    TarvikImpl t;
+    EXPECT_EQ(t.initialize_libusb(1, 2), -1);
+    EXPECT_EQ(Private<HandleTag>(t), nullptr);
+    EXPECT_EQ(Private<ContextTag>(t), nullptr);
+    const std::vector<std::string> lines = Lines(capture.Take());
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_TRUE(LinesMatch({lines.end() - 2, lines.end()},
+                           {"libTarvik: libusb_detach_kernel_driver error. libusb errno=*, *, *.\n",
+                            "libTarvik: release_libusb.\n"}));
+}
+
 TEST(Opening, PrintDevsListsEveryDevice) {
     sim::Testbed bed;
     bed.AddOtherDevice(5, 6, 0x1234, 0xABCD);
