@@ -1,13 +1,13 @@
 // The one implementation of libTarvik. Applications may call its public
 // members beyond the interface (ReadByExtItem for identity cards,
 // ReadStreamState, ...). Data members are part of the ABI: their order is
-// fixed, and new ones may only be added after the last.
+// fixed; the library's own state beyond them sits behind one pointer after
+// the last.
 #ifndef TARVIK_TARVIKIMPL_H
 #define TARVIK_TARVIKIMPL_H
 
 #include <libusb.h>
 
-#include <array>
 #include <atomic>
 #include <vector>
 
@@ -70,11 +70,8 @@ TARVIK_API int GetSAMResponseCode(unsigned char sw1, unsigned char sw2, unsigned
 TARVIK_API void print_devs(libusb_device** list);
 
 namespace tarvik {
-struct ImplAccess;  // internal test access; defined inside the library build only
-namespace sam {
-struct FirstAnswer;
+class TarvikPrivate;
 }
-}  // namespace tarvik
 
 class TARVIK_API TarvikImpl : public libTarvik {
 public:
@@ -154,16 +151,11 @@ public:
     int initialize_libusb(int bus, int deviceAddress);
     void release_libusb();
 
+    // The library's own state (how the camera is reached, the lock shared with
+    // other processes); for the library's use only.
+    TARVIK_HIDDEN tarvik::TarvikPrivate& Private() { return *m_pPrivate; }
+
 private:
-    friend struct tarvik::ImplAccess;
-
-    // The SAM exchange of ReadByExtItem, after the marker, with m_mutex held.
-    TARVIK_HIDDEN HRESULT ReadSamItem(const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out);
-    // Its data phase: the packet, its status and checksum, the delivery.
-    TARVIK_HIDDEN HRESULT ReceiveSamPacket(unsigned cmd, const tarvik::sam::FirstAnswer& answer,
-                                           std::array<unsigned char, 60>& frame,
-                                           _SAM_OUT_PARAM* out);
-
     libusb_context* m_pContext;
     libusb_device_handle* m_pDevHandle;
     bool m_bKernelDetached;
@@ -173,6 +165,7 @@ private:
     unsigned short m_nLastId;
     std::vector<pm_usb_device_desc> m_vecValidDevices;
     unsigned short m_nProductType;
+    tarvik::TarvikPrivate* m_pPrivate;
 };
 
 #endif

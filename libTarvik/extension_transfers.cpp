@@ -7,7 +7,8 @@
 #include "frame_codec.h"
 #include "scoped_lock.h"
 #include "tarvik_log.h"
-#include "uvc_transport.h"
+#include "tarvik_private.h"
+#include "transport.h"
 
 namespace {
 constexpr int kNoHandle = 6;
@@ -20,25 +21,26 @@ constexpr unsigned kValueBytes = 4;
 int transferResult(int moved, int length) { return moved == length ? 0 : moved; }
 }  // namespace
 
+// The camera's handle, in whichever way it is reached, is the transport.
 int TarvikImpl::read_from_uvc_extension(int selector, int length, unsigned char* data) {
-    if (m_pDevHandle == nullptr) {
+    tarvik::Transport* transport = m_pPrivate->transport.get();
+    if (transport == nullptr) {
         return kNoHandle;
     }
-    return transferResult(tarvik::transport::get_cur(m_pDevHandle, selector, data,
-                                                     static_cast<std::uint16_t>(length)),
+    return transferResult(transport->GetCur(selector, data, static_cast<std::uint16_t>(length)),
                           length);
 }
 
 int TarvikImpl::write_to_uvc_extension(int selector, int length, unsigned char* data) {
-    if (m_pDevHandle == nullptr) {
+    tarvik::Transport* transport = m_pPrivate->transport.get();
+    if (transport == nullptr) {
         return kNoHandle;
     }
-    return transferResult(tarvik::transport::set_cur(m_pDevHandle, selector, data,
-                                                     static_cast<std::uint16_t>(length)),
+    return transferResult(transport->SetCur(selector, data, static_cast<std::uint16_t>(length)),
                           length);
 }
 
-int TarvikImpl::check_dev_opened() { return m_pDevHandle != nullptr ? 0 : kNotOpened; }
+int TarvikImpl::check_dev_opened() { return m_pPrivate->transport != nullptr ? 0 : kNotOpened; }
 
 HRESULT TarvikImpl::_GetBytes(int selector, unsigned char* data, unsigned int length) {
     tarvik::ScopedLock lock(m_mutex);
@@ -66,7 +68,7 @@ HRESULT TarvikImpl::_GetLength(int selector, unsigned int* length) {
         return 0;
     }
     unsigned char answer[2] = {0, 0};
-    const int r = tarvik::transport::get_len(m_pDevHandle, selector, answer);
+    const int r = m_pPrivate->transport->GetLen(selector, answer);
     if (r < 0) {
         return r;
     }

@@ -1,13 +1,14 @@
 // The SAM exchange behind ReadByExtItem(EXT_ITEM_SAM): one request, the first
 // answer frame, continuation frames until the packet is complete, its checks
 // and the delivery by command.
+#include "sam_channel.h"
+
 #include <unistd.h>
 
 #include <cstring>
 #include <mutex>
 
 #include "IDCardData.h"
-#include "TarvikImpl.h"
 #include "card_lock.h"
 #include "frame_codec.h"
 #include "sam_packet.h"
@@ -16,8 +17,8 @@
 using tarvik::frame::Frame;
 using tarvik::frame::kFrameSize;
 using tarvik::frame::kTransactionSelector;
-namespace sam = tarvik::sam;
 
+namespace tarvik::sam {
 namespace {
 
 constexpr HRESULT kInvalidCommand = 1;
@@ -30,79 +31,27 @@ unsigned hex(HRESULT r) { return static_cast<unsigned>(r); }
 
 // An answer that breaks one of its conditions delivers nothing but `result`.
 void rejectAnswer(_SAM_OUT_PARAM* out, const char* condition) {
-    tarvik::ReportAssertion(condition, "ReadByExtItem");
+    ReportAssertion(condition, "ReadByExtItem");
     std::memset(out, 0, sizeof *out);
     out->result = kResultUntrusted;
 }
 
 void deliverCard(unsigned cmd, const std::vector<std::uint8_t>& packet, _SAM_OUT_PARAM* out) {
-    std::uint8_t text[sam::kTextBlockSize] = {};
-    sam::copy_card_blocks(cmd, packet, text, out);
+    std::uint8_t text[kTextBlockSize] = {};
+    copy_card_blocks(cmd, packet, text, out);
     // The code tables are process-wide: parse under the lock that guards them.
-    std::lock_guard<std::recursive_mutex> lock(tarvik::card_parse_mutex());
+    std::lock_guard<std::recursive_mutex> lock(card_parse_mutex());
     IDCardData card;
     card.prase(text, nullptr);
-    sam::copy_card_fields(card, out);
+    copy_card_fields(card, out);
 }
 
-}  // namespace
-
-HRESULT TarvikImpl::SamCmdTransfer(_SAM_CMD_E cmd, uvc_extItem_SAM_E& wireCmd) {
-    if (sam::handling_of(static_cast<unsigned>(cmd)) == sam::Handling::Invalid) {
-        return kInvalidCommand;
-    }
-    wireCmd = static_cast<uvc_extItem_SAM_E>(cmd);
-    return 0;
-}
-
-HRESULT TarvikImpl::ReadSamItem(const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out) {
-    const unsigned cmd = in->cmd;
-    uvc_extItem_SAM_E wireCmd = EXT_SAM_CMD_0;
-    // The record's byte may hold anything; only a command's value may become a
-    // _SAM_CMD_E (a value outside the enumeration's range is undefined).
-    if (sam::handling_of(cmd) == sam::Handling::Invalid ||
-        SamCmdTransfer(static_cast<_SAM_CMD_E>(cmd), wireCmd) != 0) {
-        TLOG("ReadByExtItem, invalid sam cmd: %d", in->cmd);
-        RecoveryMarker();
-        return kInvalidCommand;
-    }
-    Frame frame;
-    tarvik::frame::build_read_request(frame, EXT_ITEM_SAM, m_nProductType, 0, nullptr);
-    sam::put_request(frame, static_cast<std::uint16_t>(wireCmd));
-    if (const HRESULT r = _SetBytes(kTransactionSelector, frame.data(), kFrameSize); r != 0) {
-        TLOG("ReadByExtItem, _SetBytes error. extItemType=%d, hr=0x%x", EXT_ITEM_SAM, hex(r));
-        RecoveryMarker();
-        return r;
-    }
-    frame.fill(0);
-    if (const HRESULT r = _GetBytes(kTransactionSelector, frame.data(), kFrameSize); r != 0) {
-        TLOG("ReadByExtItem, _GetBytes error. extItemType=%d, hr=0x%x", EXT_ITEM_SAM, hex(r));
-        RecoveryMarker();
-        return r;
-    }
-
-    std::memset(out, 0, sizeof *out);
-    const sam::FirstAnswer answer = sam::decode_first_answer(frame);
-    HRESULT result = 0;
-    if (answer.cmd != static_cast<int>(cmd)) {
-        rejectAnswer(out, "input->cmd == proc->extItemSAM.cmd");
-    } else if (sam::handling_of(cmd) == sam::Handling::ResultOnly) {
-        TLOG("SAM > input command: %d, return result: %d", static_cast<int>(cmd), answer.samResult);
-        out->result = answer.samResult == 0 ? 0 : kResultSamFailed;
-    } else if (answer.samResult != 0) {
-        out->result = answer.samResult == 1 ? kResultSamBusy : kResultSamFailed;
-    } else {
-        result = ReceiveSamPacket(cmd, answer, frame, out);
-    }
-    RecoveryMarker();
-    return result;
-}
-
-HRESULT TarvikImpl::ReceiveSamPacket(unsigned cmd, const sam::FirstAnswer& answer, Frame& frame,
-                                     _SAM_OUT_PARAM* out) {
-    sam::PacketAssembler assembler;
+// The data phase: the packet, its status and checksum, the delivery.
+HRESULT receivePacket(TarvikImpl& impl, unsigned cmd, const FirstAnswer& answer, Frame& frame,
+                      _SAM_OUT_PARAM* out) {
+    PacketAssembler assembler;
     // The packet length is judged before any continuation frame is fetched.
-    if (!assembler.start(frame, sam::receive_buffer_size(cmd))) {
+    if (!assembler.start(frame, receive_buffer_size(cmd))) {
         rejectAnswer(out, "data_len < recv_buf_len");
         return 0;
     }
@@ -110,7 +59,8 @@ HRESULT TarvikImpl::ReceiveSamPacket(unsigned cmd, const sam::FirstAnswer& answe
     while (!assembler.complete()) {
         usleep(1);
         frame.fill(0);
-        if (const HRESULT r = _GetBytes(kTransactionSelector, frame.data(), kFrameSize); r != 0) {
+        if (const HRESULT r = impl._GetBytes(kTransactionSelector, frame.data(), kFrameSize);
+            r != 0) {
             TLOG("SAM > Get bytes error. hr=0x%x", hex(r));
             out->result = kResultFrameLost;
             return r;
@@ -124,7 +74,7 @@ HRESULT TarvikImpl::ReceiveSamPacket(unsigned cmd, const sam::FirstAnswer& answe
              static_cast<int>(cmd), answer.sw1, answer.sw2, answer.sw3, code);
         return 0;
     }
-    const sam::Checksum checksum = sam::verify_checksum(assembler.packet());
+    const Checksum checksum = verify_checksum(assembler.packet());
     if (!checksum.ok()) {
         TLOG("SAM > data checksum error! cmd:%d, calc value [0x%x] != [0x%x].",
              static_cast<int>(cmd), checksum.computed, checksum.received);
@@ -132,13 +82,68 @@ HRESULT TarvikImpl::ReceiveSamPacket(unsigned cmd, const sam::FirstAnswer& answe
         return 0;
     }
     if (cmd == EXT_SAM_CMD_READ_NUMBER) {
-        if (!sam::number_length_ok(answer.dataLen)) {
+        if (!number_length_ok(answer.dataLen)) {
             rejectAnswer(out, "num_len <= 16");
             return 0;
         }
-        sam::deliver_number(assembler.packet(), out);
+        deliver_number(assembler.packet(), out);
     } else if (cmd == EXT_SAM_CMD_READ_CARD || cmd == EXT_SAM_CMD_READ_CARD_THIRD) {
         deliverCard(cmd, assembler.packet(), out);
     }
+    return 0;
+}
+
+}  // namespace
+
+HRESULT read_sam_item(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out) {
+    const unsigned cmd = in->cmd;
+    uvc_extItem_SAM_E wireCmd = EXT_SAM_CMD_0;
+    if (impl.SamCmdTransfer(static_cast<_SAM_CMD_E>(cmd), wireCmd) != 0) {
+        TLOG("ReadByExtItem, invalid sam cmd: %d", in->cmd);
+        impl.RecoveryMarker();
+        return kInvalidCommand;
+    }
+    int productType = 0;
+    impl.zq_ReadProductType(&productType);
+    Frame frame;
+    frame::build_read_request(frame, EXT_ITEM_SAM, static_cast<std::uint16_t>(productType), 0,
+                              nullptr);
+    put_request(frame, static_cast<std::uint16_t>(wireCmd));
+    if (const HRESULT r = impl._SetBytes(kTransactionSelector, frame.data(), kFrameSize); r != 0) {
+        TLOG("ReadByExtItem, _SetBytes error. extItemType=%d, hr=0x%x", EXT_ITEM_SAM, hex(r));
+        impl.RecoveryMarker();
+        return r;
+    }
+    frame.fill(0);
+    if (const HRESULT r = impl._GetBytes(kTransactionSelector, frame.data(), kFrameSize); r != 0) {
+        TLOG("ReadByExtItem, _GetBytes error. extItemType=%d, hr=0x%x", EXT_ITEM_SAM, hex(r));
+        impl.RecoveryMarker();
+        return r;
+    }
+
+    std::memset(out, 0, sizeof *out);
+    const FirstAnswer answer = decode_first_answer(frame);
+    HRESULT result = 0;
+    if (answer.cmd != static_cast<int>(cmd)) {
+        rejectAnswer(out, "input->cmd == proc->extItemSAM.cmd");
+    } else if (handling_of(cmd) == Handling::ResultOnly) {
+        TLOG("SAM > input command: %d, return result: %d", static_cast<int>(cmd), answer.samResult);
+        out->result = answer.samResult == 0 ? 0 : kResultSamFailed;
+    } else if (answer.samResult != 0) {
+        out->result = answer.samResult == 1 ? kResultSamBusy : kResultSamFailed;
+    } else {
+        result = receivePacket(impl, cmd, answer, frame, out);
+    }
+    impl.RecoveryMarker();
+    return result;
+}
+
+}  // namespace tarvik::sam
+
+HRESULT TarvikImpl::SamCmdTransfer(_SAM_CMD_E cmd, uvc_extItem_SAM_E& wireCmd) {
+    if (tarvik::sam::handling_of(static_cast<unsigned>(cmd)) == tarvik::sam::Handling::Invalid) {
+        return tarvik::sam::kInvalidCommand;
+    }
+    wireCmd = static_cast<uvc_extItem_SAM_E>(cmd);
     return 0;
 }

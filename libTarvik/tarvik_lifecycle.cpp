@@ -3,6 +3,7 @@
 #include <new>
 
 #include "TarvikImpl.h"
+#include "tarvik_private.h"
 #include "tarvik_log.h"
 
 namespace {
@@ -22,10 +23,12 @@ TarvikImpl::TarvikImpl(libusb_device_handle* handle)
       m_bMarkerSet(false),
       m_nLastId(0),
       m_vecValidDevices(),
-      m_nProductType(kProductTypeUnknown) {
+      m_nProductType(kProductTypeUnknown),
+      m_pPrivate(new tarvik::TarvikPrivate) {
     InitializeValidPIdVId();
     if (handle != nullptr) {
         m_pDevHandle = handle;
+        m_pPrivate->transport = tarvik::MakeUsbTransport(handle);
         TLOG("libTarvik: use outer handle [%p] directly.\n", static_cast<void*>(handle));
     }
     TLOG("libTarvik build time: %s %s", __DATE__, __TIME__);
@@ -39,6 +42,7 @@ TarvikImpl::~TarvikImpl() {
     m_nProductType = kProductTypeUnknown;
     m_vecValidDevices.clear();
     m_vecValidDevices.shrink_to_fit();
+    delete m_pPrivate;
 }
 
 HRESULT TarvikImpl::zq_ReadProductType(int* productType) {

@@ -3,6 +3,7 @@
 // threads sharing an object never receive each other's answers.
 #include "TarvikImpl.h"
 #include "frame_codec.h"
+#include "sam_channel.h"
 #include "scoped_lock.h"
 #include "tarvik_log.h"
 
@@ -29,8 +30,8 @@ HRESULT TarvikImpl::ReadByExtItem(UVC_EXT_ITEM_E item, void* input, void* output
         return r;
     }
     if (item == EXT_ITEM_SAM) {
-        return ReadSamItem(static_cast<const _SAM_IN_PARAM*>(input),
-                           static_cast<_SAM_OUT_PARAM*>(output));
+        return tarvik::sam::read_sam_item(*this, static_cast<const _SAM_IN_PARAM*>(input),
+                                          static_cast<_SAM_OUT_PARAM*>(output));
     }
 
     Frame frame;

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "TarvikImpl.h"
+#include "tarvik_private.h"
 #include "tarvik_log.h"
 
 namespace {
@@ -38,7 +39,7 @@ void TarvikImpl::InitializeValidPIdVId() {
 }
 
 HRESULT TarvikImpl::CreateUsbHandle(int bus, int deviceAddress) {
-    if (m_pDevHandle != nullptr) {
+    if (check_dev_opened() == 0) {
         return 0;
     }
     const int r = initialize_libusb(bus, deviceAddress);
@@ -136,6 +137,7 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
 
     m_bInnerOpened = true;
     m_pDevHandle = handle;
+    m_pPrivate->transport = tarvik::MakeUsbTransport(handle);
     TLOG("libTarvik: initialize_libusb ok.\n");
     return 0;
 }
@@ -145,6 +147,7 @@ void TarvikImpl::release_libusb() {
         libusb_attach_kernel_driver(m_pDevHandle, kInterface);
     }
     m_bKernelDetached = false;
+    m_pPrivate->transport.reset();
     if (m_pDevHandle != nullptr) {
         libusb_close(m_pDevHandle);
         m_pDevHandle = nullptr;

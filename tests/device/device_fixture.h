@@ -11,7 +11,7 @@
 
 #include "test_support.h"
 #include "testbed.h"
-#include "uvc_transport.h"
+#include "transport.h"
 
 namespace tarvik::test {
 

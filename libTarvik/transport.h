@@ -1,0 +1,41 @@
+// The raw requests on the camera's extension unit (unit 5, interface 0): the
+// one place where a way of reaching the camera plugs in. Everything above it
+// speaks in selectors and bytes and is the same whichever way is used.
+// Internal to the library.
+#ifndef TARVIK_TRANSPORT_H
+#define TARVIK_TRANSPORT_H
+
+#include <cstdint>
+#include <memory>
+
+struct libusb_device_handle;
+
+namespace tarvik {
+
+// GET_CUR, SET_CUR and GET_LEN on a selector. Each answers as libusb does:
+// the bytes moved, or a negative libusb error code.
+class Transport {
+public:
+    virtual ~Transport() = default;
+    virtual int GetCur(int selector, std::uint8_t* data, std::uint16_t length) = 0;
+    virtual int SetCur(int selector, std::uint8_t* data, std::uint16_t length) = 0;
+    virtual int GetLen(int selector, std::uint8_t (&answer)[2]) = 0;
+};
+
+// Control transfers through libusb on an open device handle (not owned).
+std::unique_ptr<Transport> MakeUsbTransport(libusb_device_handle* handle);
+
+namespace transport {
+
+// Every control transfer gives up after this long; the caller then gets
+// libusb's timeout code like any other libusb error.
+constexpr unsigned kControlTimeoutMs = 5000;
+
+// Test seam: shortens (or restores) the timeout of later transfers.
+void set_control_timeout_ms(unsigned ms);
+unsigned control_timeout_ms();
+
+}  // namespace transport
+}  // namespace tarvik
+
+#endif
