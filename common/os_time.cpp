@@ -16,7 +16,16 @@ unsigned long os_gettime_us() {
            static_cast<unsigned long>(tv.tv_usec);
 }
 
-double diff_ms(long later, long earlier) { return static_cast<double>((later - earlier) / 1000); }
+// The magnitude is taken in unsigned arithmetic: two stamps far apart have a
+// difference that no long holds. Truncation is toward zero either way.
+double diff_ms(long later, long earlier) {
+    const auto a = static_cast<unsigned long>(later);
+    const auto b = static_cast<unsigned long>(earlier);
+    if (later >= earlier) {
+        return static_cast<double>((a - b) / 1000);
+    }
+    return -static_cast<double>((b - a) / 1000);
+}
 
 void PrintLongTime(unsigned long elapsedUs) {
     if (elapsedUs > kSlowCallThresholdUs) {

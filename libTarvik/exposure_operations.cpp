@@ -1,5 +1,7 @@
-// Exposure of the two eyes, on top of the exposure members zq_ReadET and
-// zq_WriteET (called directly, not through the virtual table).
+// Exposure of the two eyes, on top of the members zq_ReadET and zq_WriteET.
+// This camera's library provides neither (both answer -2), so every operation
+// ends with -2 unless one of its own checks ends it first; the checks are
+// complete all the same.
 #include "TarvikImpl.h"
 #include "os_time.h"
 #include "sensor_math.h"
@@ -13,7 +15,7 @@ constexpr HRESULT kMissingRecord = 1;
 HRESULT readExposure(TarvikImpl& impl, const char* timingName, _DUAL_ET_PARAM* et) {
     const unsigned long start = os_gettime_us();
     *et = _DUAL_ET_PARAM{};
-    const HRESULT r = impl.TarvikImpl::zq_ReadET(et);
+    const HRESULT r = impl.zq_ReadET(et);
     if (r != 0) {
         return r;
     }
@@ -80,7 +82,7 @@ HRESULT TarvikImpl::zq_WriteManualAE(const _MAE_PARAM& param) {
         TLOG("-----> WriteManualAE, error, current is not manual exp. mode");
         return check;
     }
-    return TarvikImpl::zq_WriteET(tarvik::manual_ae_record(et, param));
+    return zq_WriteET(tarvik::manual_ae_record(et, param));
 }
 
 HRESULT TarvikImpl::zq_WriteETMode(const _DUAL_ET_MODE& param) {
@@ -90,7 +92,7 @@ HRESULT TarvikImpl::zq_WriteETMode(const _DUAL_ET_MODE& param) {
         return tarvik::kErrModeMismatch;
     }
     const unsigned long start = os_gettime_us();
-    const HRESULT r = TarvikImpl::zq_WriteET(tarvik::et_mode_record(param));
+    const HRESULT r = zq_WriteET(tarvik::et_mode_record(param));
     if (r != 0) {
         TLOG("-----> WriteETMode, hr=0x%x", static_cast<unsigned>(r));
         return r;

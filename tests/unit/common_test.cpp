@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <thread>
 
 #include "byte_pack.h"
@@ -94,6 +95,9 @@ TEST(Time, ClockAndDifferences) {
     EXPECT_EQ(diff_ms(1500, 200), 1.0);
     EXPECT_EQ(diff_ms(200, 1500), -1.0);
     EXPECT_EQ(diff_ms(2999, 0), 2.0);
+    // Stamps so far apart that their difference fits no long.
+    EXPECT_EQ(diff_ms(LONG_MAX, LONG_MIN), 18446744073709551.0);
+    EXPECT_EQ(diff_ms(LONG_MIN, LONG_MAX), -18446744073709551.0);
 }
 
 // Whether another thread can take the lock now (it gives it back at once).
