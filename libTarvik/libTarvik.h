@@ -199,11 +199,19 @@ extern "C" {
 // Opens the camera (outerHandle null; bus/deviceAddress select it, -1 in
 // either means the first camera found) or adopts the application's handle,
 // which stays the application's. Returns null when the camera can't be opened.
+// TARVIK_TRANSPORT=kernel in the environment opens it through the kernel's
+// video driver instead of libusb, and =auto does so when that driver holds it.
 TARVIK_API libTarvik* zq_CreateTarvik(libusb_device_handle* outerHandle, int bus,
                                       int deviceAddress);
 
 // Destroys an object made by zq_CreateTarvik; null is ignored.
 TARVIK_API void zq_ReleaseTarvik(libTarvik* plugin);
+
+// Opens the camera through the kernel's video driver, on its capture node
+// ("/dev/videoN"; null: the first camera's), so that video keeps streaming.
+// Returns null when that node is not the camera's capture node or can't be
+// opened. Give the object back with zq_ReleaseTarvik.
+TARVIK_API libTarvik* zq_CreateTarvikOnVideo(const char* videoNode);
 }
 
 #endif

@@ -3,8 +3,8 @@
 #include <new>
 
 #include "TarvikImpl.h"
-#include "tarvik_private.h"
 #include "tarvik_log.h"
+#include "tarvik_private.h"
 
 namespace {
 constexpr unsigned short kProductTypeUnknown = 0xFFFF;
@@ -29,6 +29,9 @@ TarvikImpl::TarvikImpl(libusb_device_handle* handle)
     if (handle != nullptr) {
         m_pDevHandle = handle;
         m_pPrivate->transport = tarvik::MakeUsbTransport(handle);
+        libusb_device* device = libusb_get_device(handle);
+        tarvik::open_camera_lock(*this, libusb_get_bus_number(device),
+                                 libusb_get_device_address(device));
         TLOG("libTarvik: use outer handle [%p] directly.\n", static_cast<void*>(handle));
     }
     TLOG("libTarvik build time: %s %s", __DATE__, __TIME__);
@@ -38,6 +41,7 @@ TarvikImpl::~TarvikImpl() {
     if (m_bInnerOpened) {
         release_libusb();
     }
+    tarvik::release_video_node(*this);
     m_bMarkerSet = false;
     m_nProductType = kProductTypeUnknown;
     m_vecValidDevices.clear();

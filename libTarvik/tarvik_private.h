@@ -1,11 +1,15 @@
 // What a TarvikImpl holds beyond its described members: how the camera is
-// reached. Internal to the library.
+// reached, and the lock shared with other processes. Internal to the library.
 #ifndef TARVIK_PRIVATE_H
 #define TARVIK_PRIVATE_H
 
 #include <memory>
+#include <string>
 
+#include "camera_lock.h"
 #include "transport.h"
+
+class TarvikImpl;
 
 namespace tarvik {
 
@@ -13,7 +17,27 @@ class TarvikPrivate {
 public:
     // Null while no device is open.
     std::unique_ptr<Transport> transport;
+    // The kernel path: the capture node this object opened.
+    std::string videoNode;
+    // The USB path: interface 0 claimed after the kernel driver was detached.
+    bool interfaceClaimed = false;
+    CameraLock cameraLock;
 };
+
+// Opens the camera the way TARVIK_TRANSPORT says (usb, the default; kernel;
+// auto). 0, or -1 after the lines saying why.
+int open_by_environment(TarvikImpl& impl, int bus, int address);
+
+// The kernel path to `node`, or to the first camera's capture node when it is
+// null. 0, or -1 after the lines saying why.
+int open_video_node(TarvikImpl& impl, const char* node);
+
+// Closes what the kernel path opened; nothing when it opened nothing.
+void release_video_node(TarvikImpl& impl);
+
+// The camera's lock file, for the camera at `bus`/`address`; says so once
+// when it cannot be made.
+void open_camera_lock(TarvikImpl& impl, int bus, int address);
 
 }  // namespace tarvik
 

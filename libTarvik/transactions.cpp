@@ -1,11 +1,13 @@
 // The read and write transactions: one 60-byte frame on selector 14 each way.
-// A whole transaction holds m_mutex, from the marker to its last transfer, so
-// threads sharing an object never receive each other's answers.
+// A whole transaction holds m_mutex and the camera's lock, from the marker to
+// its last transfer, so that neither threads sharing an object nor processes
+// sharing the camera ever receive each other's answers.
 #include "TarvikImpl.h"
+#include "camera_lock.h"
 #include "frame_codec.h"
 #include "sam_channel.h"
-#include "scoped_lock.h"
 #include "tarvik_log.h"
+#include "tarvik_private.h"
 
 using tarvik::frame::Frame;
 using tarvik::frame::kFrameSize;
@@ -23,7 +25,7 @@ HRESULT TarvikImpl::ReadByExtItem(UVC_EXT_ITEM_E item, void* input, void* output
     if ((needed.output && output == nullptr) || (needed.input && input == nullptr)) {
         return kMissingRecord;
     }
-    tarvik::ScopedLock lock(m_mutex);
+    tarvik::TransactionLock lock(m_mutex, m_pPrivate->cameraLock);
     CheckDataSize();
     if (const HRESULT r = SetMarker(); r != 0) {
         TLOG("ReadByExtItem 1 error. hr = 0x%x", hex(r));
@@ -69,7 +71,7 @@ HRESULT TarvikImpl::WriteByExtItem(UVC_EXT_ITEM_E item, void* input) {
     if (input == nullptr) {
         return kMissingRecord;
     }
-    tarvik::ScopedLock lock(m_mutex);
+    tarvik::TransactionLock lock(m_mutex, m_pPrivate->cameraLock);
     if (const HRESULT r = SetMarker(); r != 0) {
         TLOG("WriteByExtItem 1 error. hr = 0x%x", hex(r));
         return r;

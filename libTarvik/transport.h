@@ -5,10 +5,10 @@
 #ifndef TARVIK_TRANSPORT_H
 #define TARVIK_TRANSPORT_H
 
+#include <libusb.h>
+
 #include <cstdint>
 #include <memory>
-
-struct libusb_device_handle;
 
 namespace tarvik {
 
@@ -24,6 +24,13 @@ public:
 
 // Control transfers through libusb on an open device handle (not owned).
 std::unique_ptr<Transport> MakeUsbTransport(libusb_device_handle* handle);
+
+// UVCIOC_CTRL_QUERY on an open capture node, which it owns from then on.
+std::unique_ptr<Transport> MakeKernelTransport(int fd);
+
+// The libusb code a caller gets for a failed query or a failed open of a node.
+int usb_error_of_query(int error);
+int usb_error_of_open(int error);
 
 namespace transport {
 

@@ -3,8 +3,8 @@
 #include <cstdio>
 
 #include "TarvikImpl.h"
-#include "tarvik_private.h"
 #include "tarvik_log.h"
+#include "tarvik_private.h"
 
 namespace {
 
@@ -42,7 +42,7 @@ HRESULT TarvikImpl::CreateUsbHandle(int bus, int deviceAddress) {
     if (check_dev_opened() == 0) {
         return 0;
     }
-    const int r = initialize_libusb(bus, deviceAddress);
+    const int r = tarvik::open_by_environment(*this, bus, deviceAddress);
     TLOG("libTarvik: sdk inner open device %s.\n", r == 0 ? "ok" : "failed");
     return r == 0 ? 0 : 11;
 }
@@ -133,16 +133,27 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
             return -1;
         }
         m_bKernelDetached = true;
+        // usbfs gives the driver back only once interface 0 is free, and the
+        // first transfer would claim it for this descriptor: claim it now, so
+        // that the release can free it before the attach.
+        m_pPrivate->interfaceClaimed = libusb_claim_interface(handle, kInterface) == 0;
     }
 
     m_bInnerOpened = true;
     m_pDevHandle = handle;
     m_pPrivate->transport = tarvik::MakeUsbTransport(handle);
     TLOG("libTarvik: initialize_libusb ok.\n");
+    tarvik::open_camera_lock(*this, libusb_get_bus_number(libusb_get_device(handle)),
+                             libusb_get_device_address(libusb_get_device(handle)));
     return 0;
 }
 
 void TarvikImpl::release_libusb() {
+    if (m_pPrivate->interfaceClaimed && m_pDevHandle != nullptr) {
+        libusb_release_interface(m_pDevHandle, kInterface);
+    }
+    m_pPrivate->interfaceClaimed = false;
+    m_pPrivate->cameraLock.Close();
     if (m_bKernelDetached && m_pDevHandle != nullptr) {
         libusb_attach_kernel_driver(m_pDevHandle, kInterface);
     }

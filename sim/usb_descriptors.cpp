@@ -68,8 +68,11 @@ std::string UmockdevDeviceText(int bus, int address, const std::vector<uint8_t>&
                   "A: devnum=%d\\n\n"
                   "A: speed=480\\n\n"
                   "A: bConfigurationValue=1\\n\n"
+                  "A: idVendor=%04x\\n\n"
+                  "A: idProduct=%04x\\n\n"
                   "H: descriptors=",
-                  bus, bus, address, bus, address, bus, address, bus, address, bus, address);
+                  bus, bus, address, bus, address, bus, address, bus, address, bus, address,
+                  descriptors[8] | descriptors[9] << 8, descriptors[10] | descriptors[11] << 8);
     std::string text = head;
     for (uint8_t b : descriptors) {
         char hex[3];
