@@ -57,5 +57,5 @@ void MyAssert(char* message) {
         logger->Log(message);
         return;
     }
-    std::printf("%s\n", message);
+    tarvik::LogPlain(tarvik::Stream::kOut, "%s\n", message);
 }

@@ -26,8 +26,9 @@ UsbErrno usbErrnoNow() {
 }
 
 void printDeviceLine(const libusb_device_descriptor& desc, libusb_device* dev) {
-    std::printf("vid:pid[0x%04x:0x%04x] (bus %d, device %d)\n", desc.idVendor, desc.idProduct,
-                libusb_get_bus_number(dev), libusb_get_device_address(dev));
+    tarvik::LogPlain(tarvik::Stream::kOut, "vid:pid[0x%04x:0x%04x] (bus %d, device %d)\n",
+                     desc.idVendor, desc.idProduct, libusb_get_bus_number(dev),
+                     libusb_get_device_address(dev));
 }
 
 }  // namespace
@@ -76,8 +77,8 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
         libusb_device_descriptor desc{};
         if (libusb_get_device_descriptor(dev, &desc) != 0) {
             const UsbErrno e = usbErrnoNow();
-            std::fprintf(
-                stderr,
+            tarvik::LogPlain(
+                tarvik::Stream::kErr,
                 "libTarvik: libusb_get_device_descriptor failed. libusb errno=%d, %s, %s.\n",
                 e.code, e.name, e.text);
             continue;
@@ -90,11 +91,13 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
             const int devBus = libusb_get_bus_number(dev);
             const int devAddress = libusb_get_device_address(dev);
             if (wildcard) {
-                std::printf("ok, found, 0x%04x:0x%04x (bus %d, device %d)\n", desc.idVendor,
-                            desc.idProduct, devBus, devAddress);
+                tarvik::LogPlain(tarvik::Stream::kOut,
+                                 "ok, found, 0x%04x:0x%04x (bus %d, device %d)\n", desc.idVendor,
+                                 desc.idProduct, devBus, devAddress);
             } else if (devBus == bus && devAddress == deviceAddress) {
-                std::printf("ok, matched, 0x%04x:0x%04x (bus %d, device %d)\n", desc.idVendor,
-                            desc.idProduct, devBus, devAddress);
+                tarvik::LogPlain(tarvik::Stream::kOut,
+                                 "ok, matched, 0x%04x:0x%04x (bus %d, device %d)\n", desc.idVendor,
+                                 desc.idProduct, devBus, devAddress);
             } else {
                 continue;
             }
@@ -177,7 +180,7 @@ void print_devs(libusb_device** list) {
     for (libusb_device** it = list; *it != nullptr; ++it) {
         libusb_device_descriptor desc{};
         if (libusb_get_device_descriptor(*it, &desc) < 0) {
-            std::fprintf(stderr, "failed to get device descriptor");
+            tarvik::LogPlain(tarvik::Stream::kErr, "failed to get device descriptor");
             return;
         }
         printDeviceLine(desc, *it);
