@@ -47,6 +47,13 @@ std::wstring field_text(const unsigned char* text, const CardField& field) {
 }
 }  // namespace
 
+namespace tarvik {
+void card_codes(const unsigned char* text, std::wstring& sex, std::wstring& nation) {
+    sex = field_text(text, kCardFields[1]);
+    nation = field_text(text, kCardFields[2]);
+}
+}  // namespace tarvik
+
 IDCardData::IDCardData() { tarvik::fill_code_tables(); }
 
 IDCardData::~IDCardData() = default;

@@ -95,6 +95,7 @@ UsbCamera camera_at(const std::string& path) {
     c.address = number(attribute(path, "devnum"));
     c.name = path.substr(path.rfind('/') + 1);
     c.path = path;
+    c.serial = attribute(path, "serial");
     return c;
 }
 

@@ -4,6 +4,7 @@
 
 #include "TarvikImpl.h"
 #include "byte_pack.h"
+#include "call_status.h"
 #include "frame_codec.h"
 #include "scoped_lock.h"
 #include "tarvik_log.h"
@@ -16,10 +17,26 @@ constexpr int kNotOpened = 11;
 constexpr unsigned kMarkerLength = 8;  // selector 1 is never asked for its length
 constexpr unsigned kValueBytes = 4;
 
+thread_local int t_lastTransferFailure = 0;
+thread_local int t_lastOpenFailure = 0;
+
 // 0 when exactly `length` bytes moved; otherwise libusb's result: a negative
 // error code, or the short count.
-int transferResult(int moved, int length) { return moved == length ? 0 : moved; }
+int transferResult(int moved, int length) {
+    if (moved == length) return 0;
+    tarvik::note_transfer_failure(moved);
+    return moved;
+}
 }  // namespace
+
+namespace tarvik {
+int last_transfer_failure() { return t_lastTransferFailure; }
+void note_transfer_failure(int result) { t_lastTransferFailure = result; }
+void clear_transfer_failure() { t_lastTransferFailure = 0; }
+int last_open_failure() { return t_lastOpenFailure; }
+void note_open_failure(int code) { t_lastOpenFailure = code; }
+void clear_open_failure() { t_lastOpenFailure = 0; }
+}  // namespace tarvik
 
 // The camera's handle, in whichever way it is reached, is the transport.
 int TarvikImpl::read_from_uvc_extension(int selector, int length, unsigned char* data) {
@@ -70,6 +87,7 @@ HRESULT TarvikImpl::_GetLength(int selector, unsigned int* length) {
     unsigned char answer[2] = {0, 0};
     const int r = m_pPrivate->transport->GetLen(selector, answer);
     if (r < 0) {
+        tarvik::note_transfer_failure(r);
         return r;
     }
     // Bytes the camera did not send stay 0.

@@ -8,14 +8,13 @@
 #include <cstring>
 
 #include "TarvikImpl.h"
+#include "call_status.h"
 #include "camera_finder.h"
 #include "tarvik_log.h"
 #include "tarvik_private.h"
 
 namespace tarvik {
 namespace {
-
-enum class Choice { kUsb, kKernel, kAuto };
 
 Choice choice_from_environment() {
     const char* value = std::getenv("TARVIK_TRANSPORT");
@@ -46,6 +45,7 @@ int open_checked_node(TarvikImpl& impl, const std::string& node) {
     const int fd = ::open(node.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         const int error = errno;
+        note_open_failure(usb_error_of_open(error));
         TLOG("libTarvik: open %s failed. errno=%d, %s.\n", node.c_str(), error,
              std::strerror(error));
         return -1;
@@ -77,7 +77,11 @@ int open_kernel_path(TarvikImpl& impl, int bus, int address) {
 }  // namespace
 
 int open_by_environment(TarvikImpl& impl, int bus, int address) {
-    switch (choice_from_environment()) {
+    return open_camera(impl, bus, address, choice_from_environment());
+}
+
+int open_camera(TarvikImpl& impl, int bus, int address, Choice choice) {
+    switch (choice) {
         case Choice::kKernel:
             return open_kernel_path(impl, bus, address);
         case Choice::kAuto:

@@ -3,6 +3,7 @@
 // and the delivery by command.
 #include "sam_channel.h"
 
+#include <string.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -10,6 +11,7 @@
 
 #include "IDCardData.h"
 #include "card_lock.h"
+#include "code_tables.h"
 #include "frame_codec.h"
 #include "sam_packet.h"
 #include "tarvik_log.h"
@@ -26,6 +28,9 @@ constexpr int kResultUntrusted = 2;   // checksum failed, or the answer broke a 
 constexpr int kResultFrameLost = -2;  // a continuation frame could not be read
 constexpr int kResultSamBusy = -3;    // samResult 1
 constexpr int kResultSamFailed = -1;
+
+// Where a card read on this thread hands its codes, if anywhere.
+thread_local CardCodes* t_cardCodes = nullptr;
 
 unsigned hex(HRESULT r) { return static_cast<unsigned>(r); }
 
@@ -44,6 +49,7 @@ void deliverCard(unsigned cmd, const std::vector<std::uint8_t>& packet, _SAM_OUT
     IDCardData card;
     card.prase(text, nullptr);
     copy_card_fields(card, out);
+    if (t_cardCodes != nullptr) card_codes(text, t_cardCodes->sex, t_cardCodes->nation);
 }
 
 // The data phase: the packet, its status and checksum, the delivery.
@@ -137,6 +143,21 @@ HRESULT read_sam_item(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM*
     impl.RecoveryMarker();
     return result;
 }
+
+void CardCodes::Wipe() {
+    explicit_bzero(sex.data(), sex.size() * sizeof(wchar_t));
+    explicit_bzero(nation.data(), nation.size() * sizeof(wchar_t));
+}
+
+HRESULT read_card(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out,
+                  CardCodes* codes) {
+    t_cardCodes = codes;
+    const HRESULT r = impl.ReadByExtItem(EXT_ITEM_SAM, const_cast<_SAM_IN_PARAM*>(in), out);
+    t_cardCodes = nullptr;
+    return r;
+}
+
+void wipe(_SAM_OUT_PARAM& out) { explicit_bzero(&out, sizeof out); }
 
 }  // namespace tarvik::sam
 

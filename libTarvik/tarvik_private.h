@@ -24,8 +24,15 @@ public:
     CameraLock cameraLock;
 };
 
-// Opens the camera the way TARVIK_TRANSPORT says (usb, the default; kernel;
-// auto). 0, or -1 after the lines saying why.
+// How to reach the camera: libusb, the kernel's video driver, or the driver
+// when it holds the camera and libusb otherwise.
+enum class Choice { kUsb, kKernel, kAuto };
+
+// Opens the camera at `bus`/`address` (-1 in either: the first) the chosen
+// way. 0, or -1 after the lines saying why.
+int open_camera(TarvikImpl& impl, int bus, int address, Choice choice);
+
+// The same, the way TARVIK_TRANSPORT says (usb, the default; kernel; auto).
 int open_by_environment(TarvikImpl& impl, int bus, int address);
 
 // The kernel path to `node`, or to the first camera's capture node when it is

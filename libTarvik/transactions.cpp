@@ -3,6 +3,7 @@
 // its last transfer, so that neither threads sharing an object nor processes
 // sharing the camera ever receive each other's answers.
 #include "TarvikImpl.h"
+#include "call_status.h"
 #include "camera_lock.h"
 #include "frame_codec.h"
 #include "sam_channel.h"
@@ -26,6 +27,7 @@ HRESULT TarvikImpl::ReadByExtItem(UVC_EXT_ITEM_E item, void* input, void* output
         return kMissingRecord;
     }
     tarvik::TransactionLock lock(m_mutex, m_pPrivate->cameraLock);
+    tarvik::clear_transfer_failure();
     CheckDataSize();
     if (const HRESULT r = SetMarker(); r != 0) {
         TLOG("ReadByExtItem 1 error. hr = 0x%x", hex(r));
@@ -72,6 +74,7 @@ HRESULT TarvikImpl::WriteByExtItem(UVC_EXT_ITEM_E item, void* input) {
         return kMissingRecord;
     }
     tarvik::TransactionLock lock(m_mutex, m_pPrivate->cameraLock);
+    tarvik::clear_transfer_failure();
     if (const HRESULT r = SetMarker(); r != 0) {
         TLOG("WriteByExtItem 1 error. hr = 0x%x", hex(r));
         return r;

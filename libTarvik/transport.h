@@ -40,7 +40,6 @@ constexpr unsigned kControlTimeoutMs = 5000;
 
 // Test seam: shortens (or restores) the timeout of later transfers.
 void set_control_timeout_ms(unsigned ms);
-unsigned control_timeout_ms();
 
 }  // namespace transport
 }  // namespace tarvik

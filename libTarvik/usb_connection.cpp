@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "TarvikImpl.h"
+#include "call_status.h"
 #include "tarvik_log.h"
 #include "tarvik_private.h"
 
@@ -119,6 +120,7 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
     const int openResult = libusb_open(chosen, &handle);
     libusb_free_device_list(list, 1);  // the open handle keeps its own reference
     if (openResult < 0 || handle == nullptr) {
+        tarvik::note_open_failure(openResult < 0 ? openResult : LIBUSB_ERROR_OTHER);
         const UsbErrno e = usbErrnoNow();
         TLOG("libTarvik: found, but libusb_open failed. libusb errno=%d, %s, %s.\n", e.code, e.name,
              e.text);
@@ -127,7 +129,8 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
     }
 
     if (libusb_kernel_driver_active(handle, kInterface) != 0) {
-        if (libusb_detach_kernel_driver(handle, kInterface) != 0) {
+        if (const int detached = libusb_detach_kernel_driver(handle, kInterface); detached != 0) {
+            tarvik::note_open_failure(detached);
             const UsbErrno e = usbErrnoNow();
             TLOG("libTarvik: libusb_detach_kernel_driver error. libusb errno=%d, %s, %s.\n", e.code,
                  e.name, e.text);
@@ -136,11 +139,14 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
             return -1;
         }
         m_bKernelDetached = true;
-        // usbfs gives the driver back only once interface 0 is free, and the
-        // first transfer would claim it for this descriptor: claim it now, so
-        // that the release can free it before the attach.
-        m_pPrivate->interfaceClaimed = libusb_claim_interface(handle, kInterface) == 0;
     }
+    // usbfs gives the driver back only once interface 0 is free, and the first
+    // transfer would claim it for this descriptor anyway: claim it now, so that
+    // the release can free it before the attach. Another program holding it is
+    // noted; the first transfer then fails as it would have.
+    const int claimed = libusb_claim_interface(handle, kInterface);
+    m_pPrivate->interfaceClaimed = claimed == 0;
+    if (claimed == LIBUSB_ERROR_BUSY) tarvik::note_open_failure(claimed);
 
     m_bInnerOpened = true;
     m_pDevHandle = handle;

@@ -50,7 +50,6 @@ std::unique_ptr<Transport> MakeUsbTransport(libusb_device_handle* handle) {
 
 namespace transport {
 void set_control_timeout_ms(unsigned ms) { g_timeoutMs.store(ms); }
-unsigned control_timeout_ms() { return g_timeoutMs.load(); }
 }  // namespace transport
 
 }  // namespace tarvik

@@ -1,0 +1,402 @@
+// The C interface: a thin layer over TarvikImpl. It adds no protocol of its
+// own; it turns records into C types and results into codes that mean one
+// thing each.
+#include <string.h>
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "TarvikImpl.h"
+#include "call_status.h"
+#include "camera_finder.h"
+#include "operation_runner.h"
+#include "sam_channel.h"
+#include "tarvik.h"
+#include "tarvik_log.h"
+#include "tarvik_private.h"
+
+struct tarvik_camera {
+    TarvikImpl* impl;
+};
+
+namespace {
+
+// The C++ members' results, from the layer that made them: a failed transfer
+// gives libusb's code (a short one its own code), the library its conditions.
+int c_result(HRESULT r) {
+    if (r == 0) return 0;
+    if (r == tarvik::last_transfer_failure()) return r < 0 ? r : TARVIK_E_SHORT_TRANSFER;
+    switch (r) {
+        case 1:
+            return TARVIK_E_INVALID_ARGUMENT;
+        case 6:
+        case 11:
+            return TARVIK_E_NOT_OPEN;
+        case 7:
+            return TARVIK_E_NOT_HANDLED;
+        case 13:
+            return TARVIK_E_INVALID_SAMPLE;
+        case -1:
+            return TARVIK_E_UNKNOWN_PRODUCT;
+        case -2:
+            return TARVIK_E_NOT_PROVIDED;
+        case -101:
+            return TARVIK_E_NOT_MANUAL;
+        case -102:
+            return TARVIK_E_OUT_OF_RANGE;
+        case -103:
+            return TARVIK_E_MODES_DIFFER;
+        default:
+            return r < 0 ? r : TARVIK_E_SHORT_TRANSFER;
+    }
+}
+
+// One call on a camera: the arguments checked, the member run, its result mapped.
+template <typename Call>
+int on_camera(tarvik_camera* camera, bool argumentsGiven, Call call) {
+    if (camera == nullptr || !argumentsGiven) return TARVIK_E_INVALID_ARGUMENT;
+    try {
+        return c_result(call(*camera->impl));
+    } catch (const std::bad_alloc&) {
+        return TARVIK_E_NO_MEMORY;
+    }
+}
+
+// A wide string of the card (one BMP character per element) as UTF-8, cut to
+// whole characters that fit `size` with the terminating zero.
+void utf8_of(const wchar_t* text, char* out, size_t size) {
+    size_t n = 0;
+    for (; *text != L'\0'; ++text) {
+        const auto c = static_cast<unsigned>(*text) & 0xFFFFu;
+        const size_t bytes = c < 0x80 ? 1 : c < 0x800 ? 2 : 3;
+        if (n + bytes >= size) break;
+        if (bytes == 1) {
+            out[n++] = static_cast<char>(c);
+        } else if (bytes == 2) {
+            out[n++] = static_cast<char>(0xC0 | (c >> 6));
+            out[n++] = static_cast<char>(0x80 | (c & 0x3F));
+        } else {
+            out[n++] = static_cast<char>(0xE0 | (c >> 12));
+            out[n++] = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+            out[n++] = static_cast<char>(0x80 | (c & 0x3F));
+        }
+    }
+    out[n] = '\0';
+}
+
+template <size_t N>
+void copy_text(const std::string& from, char (&to)[N]) {
+    std::strncpy(to, from.c_str(), N - 1);
+    to[N - 1] = '\0';
+}
+
+// A whole exchange with the SAM that it answered with a failure.
+int with_sam_verdict(int result, int samCode) {
+    return result == 0 && samCode != 0 && samCode != 1 ? TARVIK_E_SAM : result;
+}
+
+// Sizes of the library's records of each extension item.
+size_t read_record_size(int item) {
+    static const size_t sizes[] = {0, 48, 16, 0, 0, 56, 16, 4, 20, 20, 52, 0, 0, 4, 2, 0, 14, 0, 2};
+    return item >= 0 && item < 19 ? sizes[item] : 0;
+}
+
+size_t write_record_size(int item) {
+    static const size_t sizes[] = {0, 48, 16, 4, 8, 0, 16, 0, 20, 20, 52, 4, 0, 0, 0, 32, 0, 8, 8};
+    return item >= 0 && item < 19 ? sizes[item] : 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int tarvik_list(tarvik_camera_info* cameras, size_t capacity) {
+    if (cameras == nullptr && capacity > 0) return TARVIK_E_INVALID_ARGUMENT;
+    try {
+        const std::vector<tarvik::UsbCamera> found = tarvik::find_cameras();
+        for (size_t i = 0; i < found.size() && i < capacity; ++i) {
+            tarvik_camera_info& info = cameras[i];
+            info = tarvik_camera_info{};
+            info.bus = found[i].bus;
+            info.address = found[i].address;
+            copy_text(found[i].serial, info.serial);
+            copy_text(tarvik::capture_node(found[i]), info.video_node);
+        }
+        return static_cast<int>(found.size());
+    } catch (const std::bad_alloc&) {
+        return TARVIK_E_NO_MEMORY;
+    }
+}
+
+tarvik_open_options tarvik_default_options(void) {
+    return tarvik_open_options{-1, -1, nullptr, nullptr, TARVIK_TRANSPORT_AUTO};
+}
+
+int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
+    if (camera == nullptr) return TARVIK_E_INVALID_ARGUMENT;
+    *camera = nullptr;
+    const tarvik_open_options o = options != nullptr ? *options : tarvik_default_options();
+    int bus = o.bus;
+    int address = o.address;
+    if (o.serial != nullptr) {
+        bus = 0;
+        for (const tarvik::UsbCamera& c : tarvik::find_cameras()) {
+            if (c.serial == o.serial) {
+                bus = c.bus;
+                address = c.address;
+            }
+        }
+        if (bus == 0) return TARVIK_E_NO_CAMERA;
+    }
+    static const tarvik::Choice kChoices[] = {tarvik::Choice::kAuto, tarvik::Choice::kUsb,
+                                              tarvik::Choice::kKernel};
+    if (o.transport < TARVIK_TRANSPORT_AUTO || o.transport > TARVIK_TRANSPORT_KERNEL) {
+        return TARVIK_E_INVALID_ARGUMENT;
+    }
+    try {
+        auto impl = std::make_unique<TarvikImpl>();
+        tarvik::clear_open_failure();
+        const int r = o.video_node != nullptr
+                          ? tarvik::open_video_node(*impl, o.video_node)
+                          : tarvik::open_camera(*impl, bus, address, kChoices[o.transport]);
+        TLOG("libTarvik: sdk inner open device %s.\n", r == 0 ? "ok" : "failed");
+        // Found, but another program holds it (the USB path notes that and goes on).
+        if (const int why = tarvik::last_open_failure(); r != 0 || why != 0) {
+            return why != 0 ? why : TARVIK_E_NO_CAMERA;
+        }
+        *camera = new tarvik_camera{impl.release()};
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return TARVIK_E_NO_MEMORY;
+    }
+}
+
+void tarvik_close(tarvik_camera* camera) {
+    if (camera == nullptr) return;
+    zq_ReleaseTarvik(camera->impl);
+    delete camera;
+}
+
+int tarvik_read_version(tarvik_camera* camera, uint8_t version[56]) {
+    return on_camera(camera, version != nullptr, [&](TarvikImpl& t) {
+        _VERSION_PARAM p{};
+        const HRESULT r = t.zq_ReadVersion(&p);
+        std::memcpy(version, p.version, sizeof p.version);
+        return r;
+    });
+}
+
+int tarvik_read_mjpeg_qp(tarvik_camera* camera, int32_t qp[4]) {
+    return on_camera(camera, qp != nullptr, [&](TarvikImpl& t) {
+        _MJPEG_QP_PARAM p{};
+        const HRESULT r = t.zq_ReadMJpegQp(&p);
+        std::memcpy(qp, p.qp, sizeof p.qp);
+        return r;
+    });
+}
+
+int tarvik_write_mjpeg_qp(tarvik_camera* camera, const int32_t qp[4]) {
+    return on_camera(camera, qp != nullptr, [&](TarvikImpl& t) {
+        _MJPEG_QP_PARAM p{};
+        std::memcpy(p.qp, qp, sizeof p.qp);
+        return t.zq_WriteMJpegQp(p);
+    });
+}
+
+int tarvik_read_roi(tarvik_camera* camera, int32_t roi[4]) {
+    return on_camera(camera, roi != nullptr, [&](TarvikImpl& t) {
+        _ROI_PARAM p{};
+        const HRESULT r = t.zq_ReadROI(&p);
+        std::memcpy(roi, p.roi, sizeof p.roi);
+        return r;
+    });
+}
+
+int tarvik_write_roi(tarvik_camera* camera, const int32_t roi[4]) {
+    return on_camera(camera, roi != nullptr, [&](TarvikImpl& t) {
+        _ROI_PARAM p{};
+        std::memcpy(p.roi, roi, sizeof p.roi);
+        return t.zq_WriteROI(p);
+    });
+}
+
+int tarvik_read_roi_status(tarvik_camera* camera, uint32_t* status) {
+    return on_camera(camera, status != nullptr,
+                     [&](TarvikImpl& t) { return t.zq_ReadRoiStatus(status); });
+}
+
+int tarvik_read_device_id(tarvik_camera* camera, uint8_t id[20]) {
+    return on_camera(camera, id != nullptr, [&](TarvikImpl& t) {
+        _DEVICE_ID_PARAM p{};
+        const HRESULT r = t.zq_ReadDeviceId(&p);
+        std::memcpy(id, p.id, sizeof p.id);
+        return r;
+    });
+}
+
+int tarvik_write_device_id(tarvik_camera* camera, const uint8_t id[20]) {
+    return on_camera(camera, id != nullptr, [&](TarvikImpl& t) {
+        _DEVICE_ID_PARAM p{};
+        std::memcpy(p.id, id, sizeof p.id);
+        return t.zq_WriteDeviceId(p);
+    });
+}
+
+int tarvik_read_device_sn(tarvik_camera* camera, uint8_t sn[20]) {
+    return on_camera(camera, sn != nullptr, [&](TarvikImpl& t) {
+        _DEVICE_SN_PARAM p{};
+        const HRESULT r = t.zq_ReadDeviceSn(&p);
+        std::memcpy(sn, p.sn, sizeof p.sn);
+        return r;
+    });
+}
+
+int tarvik_write_device_sn(tarvik_camera* camera, const uint8_t sn[20]) {
+    return on_camera(camera, sn != nullptr, [&](TarvikImpl& t) {
+        _DEVICE_SN_PARAM p{};
+        std::memcpy(p.sn, sn, sizeof p.sn);
+        return t.zq_WriteDeviceSn(p);
+    });
+}
+
+int tarvik_write_gpio(tarvik_camera* camera, int32_t gpio0, int32_t gpio1) {
+    return on_camera(camera, true,
+                     [&](TarvikImpl& t) { return t.zq_WriteGpio(_GPIO_PARAM{{gpio0, gpio1}}); });
+}
+
+int tarvik_read_vcm(tarvik_camera* camera, int mode, uint16_t* value) {
+    return on_camera(camera, value != nullptr, [&](TarvikImpl& t) {
+        return t.zq_ReadVCM(static_cast<_VCM_MODE_E>(mode), value);
+    });
+}
+
+int tarvik_write_vcm(tarvik_camera* camera, int mode, uint16_t value, uint8_t ctrl0,
+                     uint8_t ctrl1) {
+    return on_camera(camera, true, [&](TarvikImpl& t) {
+        return t.zq_WriteVCM(_VCM_PARAM{ctrl0, ctrl1, value, static_cast<_VCM_MODE_E>(mode)});
+    });
+}
+
+int tarvik_read_autofocus_state(tarvik_camera* camera, uint8_t* state) {
+    return on_camera(camera, state != nullptr,
+                     [&](TarvikImpl& t) { return t.zq_ReadAutoFocusState(state); });
+}
+
+int tarvik_read_stream_state(tarvik_camera* camera, uint32_t* streaming) {
+    return on_camera(camera, streaming != nullptr,
+                     [&](TarvikImpl& t) { return t.ReadStreamState(streaming); });
+}
+
+int tarvik_read_gyro(tarvik_camera* camera, int32_t* pitch, int32_t* roll) {
+    return on_camera(camera, pitch != nullptr && roll != nullptr, [&](TarvikImpl& t) {
+        _GYRO_PARAM p{};
+        const HRESULT r = t.zq_ReadGyro(&p);
+        *pitch = p.pitch;
+        *roll = p.roll;
+        return r;
+    });
+}
+
+static_assert(sizeof(tarvik_exposure) == sizeof(_DUAL_ET_PARAM) &&
+                  offsetof(tarvik_exposure, right) == offsetof(_DUAL_ET_PARAM, right) &&
+                  offsetof(tarvik_eye_exposure, flags) == offsetof(_ET_PARAM, flags),
+              "the C record is the library's exposure record");
+
+int tarvik_read_exposure(tarvik_camera* camera, tarvik_exposure* exposure) {
+    return on_camera(camera, exposure != nullptr, [&](TarvikImpl& t) {
+        _DUAL_ET_PARAM p{};
+        const HRESULT r =
+            tarvik::RunRead(t, {tarvik::kReadArrow, "ReadET"}, EXT_ITEM_ET, nullptr, &p);
+        std::memcpy(exposure, &p, sizeof p);
+        return r;
+    });
+}
+
+int tarvik_write_exposure(tarvik_camera* camera, const tarvik_exposure* exposure) {
+    return on_camera(camera, exposure != nullptr, [&](TarvikImpl& t) {
+        _DUAL_ET_PARAM p{};
+        std::memcpy(&p, exposure, sizeof p);
+        return tarvik::RunWrite(t, {tarvik::kWriteArrow, "WriteET"}, EXT_ITEM_ET, &p);
+    });
+}
+
+int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* output,
+                     size_t size) {
+    const bool given = output != nullptr && size >= read_record_size(item) &&
+                       item != EXT_ITEM_SAM && (item != EXT_ITEM_VCM || input != nullptr);
+    return on_camera(camera, given, [&](TarvikImpl& t) {
+        const auto it = static_cast<UVC_EXT_ITEM_E>(item);
+        if (item == EXT_ITEM_DATA_BLOCK) return t.ReadByExtItem(it, output, nullptr);
+        return t.ReadByExtItem(it, const_cast<void*>(input), output);
+    });
+}
+
+int tarvik_write_item(tarvik_camera* camera, int item, const void* record, size_t size) {
+    return on_camera(camera, record != nullptr && size >= write_record_size(item),
+                     [&](TarvikImpl& t) {
+                         return t.WriteByExtItem(static_cast<UVC_EXT_ITEM_E>(item),
+                                                 const_cast<void*>(record));
+                     });
+}
+
+int tarvik_sam_command(tarvik_camera* camera, int command, int* samResult, uint8_t number[16]) {
+    const bool given = samResult != nullptr && command >= 0 && command <= 0xFF;
+    int code = 0;
+    const int r = on_camera(camera, given, [&](TarvikImpl& t) {
+        auto out = std::make_unique<_SAM_OUT_PARAM>();
+        _SAM_IN_PARAM in{static_cast<unsigned char>(command)};
+        const HRESULT hr = t.ReadByExtItem(EXT_ITEM_SAM, &in, out.get());
+        code = out->result;
+        if (number != nullptr) std::memcpy(number, out->number, sizeof out->number);
+        return hr;
+    });
+    if (samResult != nullptr) *samResult = code;
+    return with_sam_verdict(r, code);
+}
+
+int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags) {
+    if (card == nullptr) return TARVIK_E_INVALID_ARGUMENT;
+    tarvik_card_clear(card);
+    const bool third = (flags & TARVIK_CARD_THIRD_BLOCK) != 0;
+    const int r = on_camera(camera, true, [&](TarvikImpl& t) {
+        auto out = std::make_unique<_SAM_OUT_PARAM>();
+        tarvik::sam::CardCodes codes;
+        _SAM_IN_PARAM in{static_cast<unsigned char>(third ? SAM_CMD_READ_CARD_THIRD
+                                                           : SAM_CMD_READ_CARD)};
+        const HRESULT hr = tarvik::sam::read_card(t, &in, out.get(), &codes);
+        card->sam_result = out->result;
+        utf8_of(out->name, card->name, sizeof card->name);
+        utf8_of(out->sex, card->sex, sizeof card->sex);
+        utf8_of(codes.sex.c_str(), card->sex_code, sizeof card->sex_code);
+        utf8_of(out->nation, card->nation, sizeof card->nation);
+        utf8_of(codes.nation.c_str(), card->nation_code, sizeof card->nation_code);
+        utf8_of(out->birth, card->birth, sizeof card->birth);
+        utf8_of(out->address, card->address, sizeof card->address);
+        utf8_of(out->id_number, card->id_number, sizeof card->id_number);
+        utf8_of(out->authority, card->authority, sizeof card->authority);
+        utf8_of(out->valid_from, card->valid_from, sizeof card->valid_from);
+        utf8_of(out->valid_to, card->valid_to, sizeof card->valid_to);
+        utf8_of(out->reserved, card->reserved, sizeof card->reserved);
+        std::memcpy(card->photo, out->photo, sizeof card->photo);
+        std::memcpy(card->third_block, out->fingerprint, sizeof card->third_block);
+        card->has_third_block = third && hr == 0 ? 1 : 0;
+        tarvik::sam::wipe(*out);
+        codes.Wipe();
+        return hr;
+    });
+    return with_sam_verdict(r, card->sam_result);
+}
+
+void tarvik_card_clear(tarvik_card* card) {
+    if (card != nullptr) explicit_bzero(card, sizeof *card);
+}
+
+const char* tarvik_version(void) { return TARVIK_VERSION; }
+
+void tarvik_set_log_handler(tarvik_log_handler handler, void* user) {
+    tarvik::set_log_handler(handler, user);
+}
+
+}  // extern "C"

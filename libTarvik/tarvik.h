@@ -1,0 +1,176 @@
+/* tarvik.h: the C interface of libTarvik, for C and for every language that
+ * calls C (C#, Go, Java, Python, ...). C99; needs no libusb header.
+ *
+ *     tarvik_camera* cam;
+ *     if (tarvik_open(NULL, &cam) == 0) {
+ *         tarvik_card card;
+ *         int r = tarvik_read_card(cam, &card, 0);
+ *         if (r == 0) printf("%s\n", card.name);
+ *         else fprintf(stderr, "%s\n", tarvik_strerror(r));
+ *         tarvik_card_clear(&card);
+ *         tarvik_close(cam);
+ *     }
+ *
+ * Every function returns an int that means one thing: 0 success, libusb's
+ * negative codes (-1 to -12, -99) as they are, or one of the TARVIK_E_ codes
+ * below. tarvik_strerror names each. A camera may be used from several
+ * threads at once; each call is whole. Text is UTF-8. The library's log lines
+ * go to standard output unless TARVIK_LOG=stderr|off or a log handler says
+ * otherwise. */
+#ifndef TARVIK_H
+#define TARVIK_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "tarvik_export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The library's own conditions, apart from libusb's codes. */
+#define TARVIK_E_INVALID_ARGUMENT (-1001) /* a null pointer, a bad size or a command that is none */
+#define TARVIK_E_NOT_OPEN (-1002)         /* the camera is not open */
+#define TARVIK_E_SHORT_TRANSFER (-1003)   /* the camera moved fewer bytes than asked */
+#define TARVIK_E_NOT_HANDLED (-1004)      /* the item is not read (or written) that way */
+#define TARVIK_E_INVALID_SAMPLE (-1005)   /* the gyroscope answered an all-zero sample */
+#define TARVIK_E_NOT_PROVIDED (-1006)     /* not provided by this camera's library */
+#define TARVIK_E_NOT_MANUAL (-1007)       /* an eye is not in manual exposure mode */
+#define TARVIK_E_OUT_OF_RANGE (-1008)     /* an exposure time is outside its eye's range */
+#define TARVIK_E_MODES_DIFFER (-1009)     /* the two eyes' exposure modes differ */
+#define TARVIK_E_NO_CAMERA (-1010)        /* no camera found, or it could not be opened */
+#define TARVIK_E_UNKNOWN_PRODUCT (-1011)  /* the product type is unknown */
+#define TARVIK_E_SAM (-1012)              /* the SAM refused or failed; its code is in the record */
+#define TARVIK_E_NO_MEMORY (-1013)        /* out of memory */
+
+typedef struct tarvik_camera tarvik_camera;
+
+typedef enum {
+    TARVIK_TRANSPORT_AUTO = 0,  /* the kernel's video driver when it holds the camera, else libusb */
+    TARVIK_TRANSPORT_USB = 1,   /* libusb: the video driver is detached while the camera is open */
+    TARVIK_TRANSPORT_KERNEL = 2 /* the video driver's capture node: video keeps streaming */
+} tarvik_transport;
+
+typedef struct {
+    int bus;
+    int address;
+    char serial[64];     /* the USB serial number, "" when the camera shows none */
+    char video_node[32]; /* its capture node ("/dev/video0"), "" when none */
+} tarvik_camera_info;
+
+/* Fills at most `capacity` records (cameras may be null when capacity is 0)
+ * and returns how many cameras there are, or a negative result. */
+TARVIK_API int tarvik_list(tarvik_camera_info* cameras, size_t capacity);
+
+typedef struct {
+    int bus;                    /* with address: this camera; -1 in either: any */
+    int address;
+    const char* video_node;     /* or: the camera of this capture node (kernel path) */
+    const char* serial;         /* or: the camera with this USB serial number */
+    tarvik_transport transport; /* for bus/address and serial */
+} tarvik_open_options;
+
+/* Options for the first camera, on the path that fits (auto). */
+TARVIK_API tarvik_open_options tarvik_default_options(void);
+
+/* Opens a camera (options null: the default options) into *camera. */
+TARVIK_API int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera);
+/* Closes it; null is ignored. */
+TARVIK_API void tarvik_close(tarvik_camera* camera);
+
+/* --- operations --- */
+TARVIK_API int tarvik_read_version(tarvik_camera* camera, uint8_t version[56]);
+TARVIK_API int tarvik_read_mjpeg_qp(tarvik_camera* camera, int32_t qp[4]);
+TARVIK_API int tarvik_write_mjpeg_qp(tarvik_camera* camera, const int32_t qp[4]);
+TARVIK_API int tarvik_read_roi(tarvik_camera* camera, int32_t roi[4]);
+TARVIK_API int tarvik_write_roi(tarvik_camera* camera, const int32_t roi[4]);
+TARVIK_API int tarvik_read_roi_status(tarvik_camera* camera, uint32_t* status);
+TARVIK_API int tarvik_read_device_id(tarvik_camera* camera, uint8_t id[20]);
+TARVIK_API int tarvik_write_device_id(tarvik_camera* camera, const uint8_t id[20]);
+TARVIK_API int tarvik_read_device_sn(tarvik_camera* camera, uint8_t sn[20]);
+TARVIK_API int tarvik_write_device_sn(tarvik_camera* camera, const uint8_t sn[20]);
+TARVIK_API int tarvik_write_gpio(tarvik_camera* camera, int32_t gpio0, int32_t gpio1);
+/* The lens motor: `mode` chooses the value (its low byte is sent). */
+TARVIK_API int tarvik_read_vcm(tarvik_camera* camera, int mode, uint16_t* value);
+TARVIK_API int tarvik_write_vcm(tarvik_camera* camera, int mode, uint16_t value, uint8_t ctrl0,
+                                uint8_t ctrl1);
+TARVIK_API int tarvik_read_autofocus_state(tarvik_camera* camera, uint8_t* state);
+/* 1 while the camera streams, else 0. */
+TARVIK_API int tarvik_read_stream_state(tarvik_camera* camera, uint32_t* streaming);
+/* Tilt in whole degrees, each between -90 and 90. */
+TARVIK_API int tarvik_read_gyro(tarvik_camera* camera, int32_t* pitch, int32_t* roll);
+
+/* The two eyes' exposure block (extension item 1). */
+typedef struct {
+    uint32_t time;
+    uint32_t max;
+    uint32_t min;
+    uint16_t extra;
+    uint8_t flags[8]; /* flags[4]: the exposure mode, 1 = manual */
+} tarvik_eye_exposure;
+
+typedef struct {
+    tarvik_eye_exposure left;
+    tarvik_eye_exposure right;
+} tarvik_exposure;
+
+TARVIK_API int tarvik_read_exposure(tarvik_camera* camera, tarvik_exposure* exposure);
+TARVIK_API int tarvik_write_exposure(tarvik_camera* camera, const tarvik_exposure* exposure);
+
+/* Any extension item, with the library's record of the item (item 10: a data
+ * block record, both in and out; item 18: `input` holds the mode). `size` is
+ * the room in `output` (reads) or the record's size (writes). */
+TARVIK_API int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* output,
+                                size_t size);
+TARVIK_API int tarvik_write_item(tarvik_camera* camera, int item, const void* record, size_t size);
+
+/* A SAM command (0-4, 6, 7): the SAM's own code into *sam_result; command 2
+ * also fills number (16 bytes; may be null for the others). */
+TARVIK_API int tarvik_sam_command(tarvik_camera* camera, int command, int* sam_result,
+                                  uint8_t number[16]);
+
+/* --- identity cards --- */
+#define TARVIK_CARD_THIRD_BLOCK 1u /* read the third block too (SAM command 4) */
+
+typedef struct {
+    int sam_result; /* the SAM's code: 0 or 1 success */
+    char name[48];
+    char sex[16];
+    char sex_code[8]; /* the code on the card, also when it names nothing */
+    char nation[32];
+    char nation_code[8];
+    char birth[32];
+    char address[112];
+    char id_number[64];
+    char authority[48];
+    char valid_from[32];
+    char valid_to[32];
+    char reserved[64];
+    uint8_t photo[1024];
+    uint8_t third_block[1024];
+    int has_third_block;
+} tarvik_card;
+
+/* Reads the card on the reader. TARVIK_E_SAM when the SAM answered with a
+ * failure (no card, say): card->sam_result holds its code. */
+TARVIK_API int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags);
+
+/* Wipes the record so that no trace of the card stays in memory. */
+TARVIK_API void tarvik_card_clear(tarvik_card* card);
+
+/* --- results, version, log --- */
+TARVIK_API const char* tarvik_strerror(int result);
+TARVIK_API const char* tarvik_version(void);
+
+/* Each log line of the library (without its leading carriage return and its
+ * trailing line feed) goes to `handler`, on the thread that logs it; null
+ * restores the destination TARVIK_LOG names (standard output by default). */
+typedef void (*tarvik_log_handler)(const char* line, void* user);
+TARVIK_API void tarvik_set_log_handler(tarvik_log_handler handler, void* user);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
