@@ -14,7 +14,7 @@ cmake --install "$build" --prefix "$prefix" >/dev/null
 # Installed files: SONAME, headers, pkg-config, CMake package, udev rule.
 test -L "$prefix/lib/libTarvik.so.1"
 objdump -p "$prefix/lib/libTarvik.so" | grep -q 'SONAME *libTarvik.so.1'
-for h in libTarvik.h TarvikImpl.h IDCardData.h text_convert.h wNewMutex.h byte_pack.h os_time.h tarvik_export.h; do
+for h in libTarvik.h TarvikImpl.h tarvik.h IDCardData.h text_convert.h wNewMutex.h byte_pack.h os_time.h tarvik_export.h; do
   test -f "$prefix/include/tarvik/$h"
 done
 rules=$prefix/lib/udev/rules.d/70-tarvik.rules
@@ -28,6 +28,10 @@ fi
 PKG_CONFIG_PATH=$prefix/lib/pkgconfig c++ -std=c++17 -Wall -Wextra -Werror examples/read_card.cpp \
   $(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs libtarvik) -o "$work/read_card_pc"
 
+# C, with the C interface only
+PKG_CONFIG_PATH=$prefix/lib/pkgconfig cc -std=c99 -Wall -Wextra -Wpedantic -Werror examples/read_card.c \
+  $(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs libtarvik) -o "$work/read_card_c"
+
 # CMake package
 cmake -S examples -B "$work/cmake-build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
@@ -37,4 +41,9 @@ for exe in "$work/read_card_pc" "$work/cmake-build/read_card"; do
   out=$(LD_LIBRARY_PATH=$prefix/lib "$sim" run -- "$exe" 2>&1 >/dev/null)
   echo "$out" | grep -q '^name: 张三$' || { echo "example failed: $out" >&2; exit 1; }
 done
-echo "install check: 2 passed, 0 failed"
+# The C program's standard output holds its own lines only.
+for exe in "$work/read_card_c" "$work/cmake-build/read_card_c"; do
+  out=$(TARVIK_LOG=off LD_LIBRARY_PATH=$prefix/lib "$sim" run -- "$exe")
+  [ "$(echo "$out" | head -1)" = "name: 张三" ] || { echo "C example failed: $out" >&2; exit 1; }
+done
+echo "install check: 4 passed, 0 failed"
