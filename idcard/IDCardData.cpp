@@ -1,5 +1,7 @@
 #include "IDCardData.h"
 
+#include <string.h>
+
 #include <cstring>
 #include <utility>
 
@@ -35,6 +37,7 @@ constexpr unsigned int kWorkBytes = 128;
 
 // One field as a wide string without leading or trailing blanks. The field is
 // copied first: a big-endian field is swapped in the copy, never in the block.
+// The work buffers held card text, and are wiped before they go.
 std::wstring field_text(const unsigned char* text, const CardField& field) {
     unsigned short ucs2[kWorkBytes / sizeof(unsigned short)] = {};
     unsigned char utf8[kWorkBytes] = {};
@@ -43,7 +46,11 @@ std::wstring field_text(const unsigned char* text, const CardField& field) {
     const char* bytes = reinterpret_cast<const char*>(utf8);
     std::string narrow(bytes, strnlen(bytes, kWorkBytes));
     trim_left_right_space(narrow);
-    return utf8_to_wstring(narrow);
+    std::wstring value = utf8_to_wstring(narrow);
+    explicit_bzero(narrow.data(), narrow.capacity() + 1);
+    explicit_bzero(ucs2, sizeof ucs2);
+    explicit_bzero(utf8, sizeof utf8);
+    return value;
 }
 }  // namespace
 

@@ -135,6 +135,9 @@ std::wstring utf8_to_wstring(const std::string& s) {
     static const unsigned char kLeadMask[] = {0x7F, 0x3F, 0x1F, 0x0F, 0x07};
     const auto* bytes = reinterpret_cast<const unsigned char*>(s.data());
     std::wstring out;
+    // At most one character per byte: one allocation, and no grown-out copy of
+    // the text left behind in freed memory.
+    out.reserve(s.size());
     std::size_t pos = 0;
     while (pos < s.size()) {
         const unsigned int ones = leading_ones(bytes[pos]);

@@ -262,8 +262,9 @@ int tarvik_write_device_sn(tarvik_camera* camera, const uint8_t sn[20]) {
 }
 
 int tarvik_write_gpio(tarvik_camera* camera, int32_t gpio0, int32_t gpio1) {
-    return on_camera(camera, true,
-                     [&](TarvikImpl& t) { return t.zq_WriteGpio(_GPIO_PARAM{{gpio0, gpio1}}); });
+    return on_camera(camera, true, [&](TarvikImpl& t) {
+        return t.zq_WriteGpio(_GPIO_PARAM{{gpio0, gpio1}});
+    });
 }
 
 int tarvik_read_vcm(tarvik_camera* camera, int mode, uint16_t* value) {
@@ -334,11 +335,10 @@ int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* o
 }
 
 int tarvik_write_item(tarvik_camera* camera, int item, const void* record, size_t size) {
-    return on_camera(camera, record != nullptr && size >= write_record_size(item),
-                     [&](TarvikImpl& t) {
-                         return t.WriteByExtItem(static_cast<UVC_EXT_ITEM_E>(item),
-                                                 const_cast<void*>(record));
-                     });
+    return on_camera(
+        camera, record != nullptr && size >= write_record_size(item), [&](TarvikImpl& t) {
+            return t.WriteByExtItem(static_cast<UVC_EXT_ITEM_E>(item), const_cast<void*>(record));
+        });
 }
 
 int tarvik_sam_command(tarvik_camera* camera, int command, int* samResult, uint8_t number[16]) {
@@ -363,8 +363,8 @@ int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags) {
     const int r = on_camera(camera, true, [&](TarvikImpl& t) {
         auto out = std::make_unique<_SAM_OUT_PARAM>();
         tarvik::sam::CardCodes codes;
-        _SAM_IN_PARAM in{static_cast<unsigned char>(third ? SAM_CMD_READ_CARD_THIRD
-                                                           : SAM_CMD_READ_CARD)};
+        _SAM_IN_PARAM in{
+            static_cast<unsigned char>(third ? SAM_CMD_READ_CARD_THIRD : SAM_CMD_READ_CARD)};
         const HRESULT hr = tarvik::sam::read_card(t, &in, out.get(), &codes);
         card->sam_result = out->result;
         utf8_of(out->name, card->name, sizeof card->name);

@@ -10,9 +10,13 @@ struct Name {
 
 const Name kNames[] = {
     {0, "success"},
-    {-1, "input/output error (LIBUSB_ERROR_IO); on the USB path also a camera in use by another program"},
+    {-1,
+     "input/output error (LIBUSB_ERROR_IO); on the USB path also a camera in use by another "
+     "program"},
     {-2, "invalid parameter (LIBUSB_ERROR_INVALID_PARAM)"},
-    {-3, "permission denied (LIBUSB_ERROR_ACCESS): install the udev rule, or join the plugdev or video group"},
+    {-3,
+     "permission denied (LIBUSB_ERROR_ACCESS): install the udev rule, or join the plugdev or video "
+     "group"},
     {-4, "the camera is gone (LIBUSB_ERROR_NO_DEVICE)"},
     {-5, "entity not found (LIBUSB_ERROR_NOT_FOUND)"},
     {-6, "the camera is in use by another program (LIBUSB_ERROR_BUSY)"},
@@ -23,7 +27,8 @@ const Name kNames[] = {
     {-11, "out of memory (LIBUSB_ERROR_NO_MEM)"},
     {-12, "not supported (LIBUSB_ERROR_NOT_SUPPORTED): the video driver refused the query"},
     {-99, "other error (LIBUSB_ERROR_OTHER)"},
-    {TARVIK_E_INVALID_ARGUMENT, "invalid argument: a null pointer, a record too small or a command that is none"},
+    {TARVIK_E_INVALID_ARGUMENT,
+     "invalid argument: a null pointer, a record too small or a command that is none"},
     {TARVIK_E_NOT_OPEN, "the camera is not open"},
     {TARVIK_E_SHORT_TRANSFER, "the camera moved fewer bytes than asked"},
     {TARVIK_E_NOT_HANDLED, "the item is not read or written that way"},

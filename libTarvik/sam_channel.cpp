@@ -4,8 +4,8 @@
 #include "sam_channel.h"
 
 #include <string.h>
-#include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <mutex>
 
@@ -34,6 +34,36 @@ thread_local CardCodes* t_cardCodes = nullptr;
 
 unsigned hex(HRESULT r) { return static_cast<unsigned>(r); }
 
+// The camera wants a pause of at least a microsecond before each continuation
+// frame. A sleep lasts the kernel's timer slack (50 µs and more); spinning on
+// the clock keeps it to what it is meant to be, without touching the calling
+// thread's settings.
+void pause_before_next_frame() {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::microseconds(1);
+    while (std::chrono::steady_clock::now() < until) {
+    }
+}
+
+// Card data must not outlive its use: buffers that held it are wiped, in a
+// way the compiler keeps, before they go.
+void wipe(void* p, size_t n) { explicit_bzero(p, n); }
+
+void wipe(std::wstring& s) { wipe(s.data(), (s.capacity() + 1) * sizeof(wchar_t)); }
+
+void wipe(IDCardData& card) {
+    for (std::wstring* s :
+         {&card.name, &card.sex, &card.nation, &card.birth, &card.address, &card.id_number,
+          &card.authority, &card.valid_from, &card.valid_to, &card.reserved}) {
+        wipe(*s);
+    }
+}
+
+// Wipes a frame when it goes out of scope, whatever way the call ends.
+struct WipedFrame {
+    Frame frame;
+    ~WipedFrame() { wipe(frame.data(), frame.size()); }
+};
+
 // An answer that breaks one of its conditions delivers nothing but `result`.
 void rejectAnswer(_SAM_OUT_PARAM* out, const char* condition) {
     ReportAssertion(condition, "ReadByExtItem");
@@ -44,12 +74,16 @@ void rejectAnswer(_SAM_OUT_PARAM* out, const char* condition) {
 void deliverCard(unsigned cmd, const std::vector<std::uint8_t>& packet, _SAM_OUT_PARAM* out) {
     std::uint8_t text[kTextBlockSize] = {};
     copy_card_blocks(cmd, packet, text, out);
-    // The code tables are process-wide: parse under the lock that guards them.
-    std::lock_guard<std::recursive_mutex> lock(card_parse_mutex());
-    IDCardData card;
-    card.prase(text, nullptr);
-    copy_card_fields(card, out);
+    {
+        // The code tables are process-wide: parse under the lock that guards them.
+        std::lock_guard<std::recursive_mutex> lock(card_parse_mutex());
+        IDCardData card;
+        card.prase(text, nullptr);
+        copy_card_fields(card, out);
+        wipe(card);
+    }
     if (t_cardCodes != nullptr) card_codes(text, t_cardCodes->sex, t_cardCodes->nation);
+    wipe(text, sizeof text);
 }
 
 // The data phase: the packet, its status and checksum, the delivery.
@@ -63,7 +97,7 @@ HRESULT receivePacket(TarvikImpl& impl, unsigned cmd, const FirstAnswer& answer,
     }
     const int code = GetSAMResponseCode(answer.sw1, answer.sw2, answer.sw3);
     while (!assembler.complete()) {
-        usleep(1);
+        pause_before_next_frame();
         frame.fill(0);
         if (const HRESULT r = impl._GetBytes(kTransactionSelector, frame.data(), kFrameSize);
             r != 0) {
@@ -111,7 +145,8 @@ HRESULT read_sam_item(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM*
     }
     int productType = 0;
     impl.zq_ReadProductType(&productType);
-    Frame frame;
+    WipedFrame wiped;
+    Frame& frame = wiped.frame;
     frame::build_read_request(frame, EXT_ITEM_SAM, static_cast<std::uint16_t>(productType), 0,
                               nullptr);
     put_request(frame, static_cast<std::uint16_t>(wireCmd));
@@ -145,8 +180,8 @@ HRESULT read_sam_item(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM*
 }
 
 void CardCodes::Wipe() {
-    explicit_bzero(sex.data(), sex.size() * sizeof(wchar_t));
-    explicit_bzero(nation.data(), nation.size() * sizeof(wchar_t));
+    wipe(sex);
+    wipe(nation);
 }
 
 HRESULT read_card(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out,
@@ -157,7 +192,7 @@ HRESULT read_card(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out
     return r;
 }
 
-void wipe(_SAM_OUT_PARAM& out) { explicit_bzero(&out, sizeof out); }
+void wipe(_SAM_OUT_PARAM& out) { wipe(&out, sizeof out); }
 
 }  // namespace tarvik::sam
 

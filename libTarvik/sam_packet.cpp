@@ -3,6 +3,8 @@
 // stays inside the buffers.
 #include "sam_packet.h"
 
+#include <string.h>
+
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -114,7 +116,10 @@ unsigned receive_buffer_size(unsigned cmd) {
     return 0;
 }
 
+PacketAssembler::~PacketAssembler() { explicit_bzero(packet_.data(), packet_.capacity()); }
+
 bool PacketAssembler::start(const frame::Frame& first, unsigned bufferSize) {
+    explicit_bzero(packet_.data(), packet_.capacity());
     packet_.clear();
     total_ = 0;
     const unsigned total = decode_first_answer(first).dataLen + 2u;

@@ -46,6 +46,12 @@ unsigned receive_buffer_size(unsigned cmd);
 // continuation frame.
 class PacketAssembler {
 public:
+    PacketAssembler() = default;
+    // The packet is card data: wiped before its buffer goes.
+    ~PacketAssembler();
+    PacketAssembler(const PacketAssembler&) = delete;
+    PacketAssembler& operator=(const PacketAssembler&) = delete;
+
     // Returns false, keeping nothing, when T is not below `bufferSize`.
     bool start(const frame::Frame& first, unsigned bufferSize);
     void append(const frame::Frame& continuation);

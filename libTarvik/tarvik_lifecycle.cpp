@@ -28,7 +28,7 @@ TarvikImpl::TarvikImpl(libusb_device_handle* handle)
     InitializeValidPIdVId();
     if (handle != nullptr) {
         m_pDevHandle = handle;
-        m_pPrivate->transport = tarvik::MakeUsbTransport(handle);
+        m_pPrivate->transport = tarvik::MakeUsbTransport(handle, nullptr);
         libusb_device* device = libusb_get_device(handle);
         tarvik::open_camera_lock(*this, libusb_get_bus_number(device),
                                  libusb_get_device_address(device));

@@ -22,8 +22,11 @@ public:
     virtual int GetLen(int selector, std::uint8_t (&answer)[2]) = 0;
 };
 
-// Control transfers through libusb on an open device handle (not owned).
-std::unique_ptr<Transport> MakeUsbTransport(libusb_device_handle* handle);
+// Control transfers through libusb on an open device handle (not owned), in
+// its libusb `context`; null for an application's handle, whose context the
+// library doesn't know.
+std::unique_ptr<Transport> MakeUsbTransport(libusb_device_handle* handle,
+                                            libusb_context* context);
 
 // UVCIOC_CTRL_QUERY on an open capture node, which it owns from then on.
 std::unique_ptr<Transport> MakeKernelTransport(int fd);

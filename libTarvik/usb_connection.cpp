@@ -150,7 +150,7 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
 
     m_bInnerOpened = true;
     m_pDevHandle = handle;
-    m_pPrivate->transport = tarvik::MakeUsbTransport(handle);
+    m_pPrivate->transport = tarvik::MakeUsbTransport(handle, m_pContext);
     TLOG("libTarvik: initialize_libusb ok.\n");
     tarvik::open_camera_lock(*this, libusb_get_bus_number(libusb_get_device(handle)),
                              libusb_get_device_address(libusb_get_device(handle)));

@@ -1,7 +1,13 @@
-// The extension unit through libusb control transfers.
+// The extension unit through libusb control transfers. On a camera the
+// library opened itself, each transfer runs on a buffer of the library's own
+// (libusb's asynchronous submission, which is what its synchronous call does
+// inside), wiped afterwards: the synchronous call would copy card data through
+// a buffer of libusb's and free it as it is.
 #include <libusb.h>
+#include <string.h>
 
 #include <atomic>
+#include <vector>
 
 #include "transport.h"
 
@@ -17,9 +23,52 @@ constexpr std::uint16_t kUnitAndInterface = 0x0500;  // unit id 5 in the high by
 
 std::atomic<unsigned> g_timeoutMs{transport::kControlTimeoutMs};
 
+// The setup packet and the data, wiped when it goes.
+struct TransferBuffer {
+    explicit TransferBuffer(std::uint16_t length) : bytes(LIBUSB_CONTROL_SETUP_SIZE + length) {}
+    ~TransferBuffer() { explicit_bzero(bytes.data(), bytes.size()); }
+    std::vector<unsigned char> bytes;
+};
+
+void LIBUSB_CALL on_done(libusb_transfer* transfer) { *static_cast<int*>(transfer->user_data) = 1; }
+
+// What the synchronous call answers for a transfer's end.
+int result_of(const libusb_transfer& t) {
+    switch (t.status) {
+        case LIBUSB_TRANSFER_COMPLETED:
+            return t.actual_length;
+        case LIBUSB_TRANSFER_TIMED_OUT:
+            return LIBUSB_ERROR_TIMEOUT;
+        case LIBUSB_TRANSFER_STALL:
+            return LIBUSB_ERROR_PIPE;
+        case LIBUSB_TRANSFER_NO_DEVICE:
+            return LIBUSB_ERROR_NO_DEVICE;
+        case LIBUSB_TRANSFER_OVERFLOW:
+            return LIBUSB_ERROR_OVERFLOW;
+        case LIBUSB_TRANSFER_ERROR:
+        case LIBUSB_TRANSFER_CANCELLED:
+            return LIBUSB_ERROR_IO;
+    }
+    return LIBUSB_ERROR_OTHER;
+}
+
+// Handles `context`'s events until the transfer is done; cancels it when
+// event handling fails, and waits for the cancellation.
+void wait_for(libusb_context* context, libusb_transfer* transfer, int& done) {
+    while (done == 0) {
+        const int r = libusb_handle_events_completed(context, &done);
+        if (r >= 0 || r == LIBUSB_ERROR_INTERRUPTED) continue;
+        libusb_cancel_transfer(transfer);
+        while (done == 0 && libusb_handle_events_completed(context, &done) >= 0) {
+        }
+        return;
+    }
+}
+
 class UsbTransport : public Transport {
 public:
-    explicit UsbTransport(libusb_device_handle* handle) : m_handle(handle) {}
+    UsbTransport(libusb_device_handle* handle, libusb_context* context)
+        : m_handle(handle), m_context(context) {}
 
     int GetCur(int selector, std::uint8_t* data, std::uint16_t length) override {
         return Transfer(kRequestTypeIn, kGetCur, selector, data, length);
@@ -34,18 +83,41 @@ public:
 private:
     int Transfer(std::uint8_t requestType, std::uint8_t request, int selector, std::uint8_t* data,
                  std::uint16_t length) {
-        return libusb_control_transfer(m_handle, requestType, request,
-                                       static_cast<std::uint16_t>(selector << 8), kUnitAndInterface,
-                                       data, length, g_timeoutMs.load());
+        const auto value = static_cast<std::uint16_t>(selector << 8);
+        // An application's handle belongs to a context the library can't name.
+        if (m_context == nullptr) {
+            return libusb_control_transfer(m_handle, requestType, request, value, kUnitAndInterface,
+                                           data, length, g_timeoutMs.load());
+        }
+        libusb_transfer* transfer = libusb_alloc_transfer(0);
+        if (transfer == nullptr) return LIBUSB_ERROR_NO_MEM;
+        TransferBuffer buffer(length);
+        unsigned char* payload = buffer.bytes.data() + LIBUSB_CONTROL_SETUP_SIZE;
+        libusb_fill_control_setup(buffer.bytes.data(), requestType, request, value,
+                                  kUnitAndInterface, length);
+        const bool in = (requestType & LIBUSB_ENDPOINT_IN) != 0;
+        if (!in) std::copy(data, data + length, payload);
+        int done = 0;
+        libusb_fill_control_transfer(transfer, m_handle, buffer.bytes.data(), on_done, &done,
+                                     g_timeoutMs.load());
+        int r = libusb_submit_transfer(transfer);
+        if (r == 0) {
+            wait_for(m_context, transfer, done);
+            r = result_of(*transfer);
+            if (in && r > 0) std::copy(payload, payload + r, data);
+        }
+        libusb_free_transfer(transfer);
+        return r;
     }
 
     libusb_device_handle* m_handle;
+    libusb_context* m_context;
 };
 
 }  // namespace
 
-std::unique_ptr<Transport> MakeUsbTransport(libusb_device_handle* handle) {
-    return std::make_unique<UsbTransport>(handle);
+std::unique_ptr<Transport> MakeUsbTransport(libusb_device_handle* handle, libusb_context* context) {
+    return std::make_unique<UsbTransport>(handle, context);
 }
 
 namespace transport {
