@@ -49,7 +49,7 @@ void emit(Stream stream, const std::string& text) {
     std::fwrite(text.data(), 1, text.size(), out);
 }
 
-std::string format(const char* fmt, va_list args) {
+__attribute__((format(printf, 1, 0))) std::string format(const char* fmt, va_list args) {
     va_list again;
     va_copy(again, args);
     char small[256];

@@ -77,6 +77,12 @@ constexpr CodeRow kCodesWithCleanSw12[] = {
 
 constexpr int kUnknownResponse = -1;
 
+// A packet is card data: wiped before its buffer goes. A vector that never
+// held anything has no buffer (data() may be null).
+void wipe(std::vector<std::uint8_t>& v) {
+    if (v.capacity() > 0) explicit_bzero(v.data(), v.capacity());
+}
+
 template <std::size_t N>
 const CodeRow* find_code(const CodeRow (&table)[N], std::uint8_t sw3) {
     for (const CodeRow& row : table) {
@@ -116,10 +122,10 @@ unsigned receive_buffer_size(unsigned cmd) {
     return 0;
 }
 
-PacketAssembler::~PacketAssembler() { explicit_bzero(packet_.data(), packet_.capacity()); }
+PacketAssembler::~PacketAssembler() { wipe(packet_); }
 
 bool PacketAssembler::start(const frame::Frame& first, unsigned bufferSize) {
-    explicit_bzero(packet_.data(), packet_.capacity());
+    wipe(packet_);
     packet_.clear();
     total_ = 0;
     const unsigned total = decode_first_answer(first).dataLen + 2u;
