@@ -2,7 +2,10 @@
 // status table, the gyro conversion, the exposure checks and the SAM commands.
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "sensor_math.h"
+#include "transport.h"
 #include "test_support.h"
 
 namespace tarvik::test {
@@ -96,6 +99,39 @@ TEST(Exposure, RecordsSent) {
     modeExpected.left.flags[4] = 1;
     modeExpected.right.flags[4] = 2;
     EXPECT_EQ(BytesOf(mode), BytesOf(modeExpected));
+}
+
+// The kernel path answers with the libusb codes callers already handle.
+TEST(KernelErrors, MappedToLibusbCodes) {
+    struct Row {
+        int error;
+        int query;
+        int open;
+    };
+    const Row rows[] = {
+        {ETIMEDOUT, LIBUSB_ERROR_TIMEOUT, LIBUSB_ERROR_OTHER},
+        {ENODEV, LIBUSB_ERROR_NO_DEVICE, LIBUSB_ERROR_NO_DEVICE},
+        {ESHUTDOWN, LIBUSB_ERROR_NO_DEVICE, LIBUSB_ERROR_OTHER},
+        {EPIPE, LIBUSB_ERROR_PIPE, LIBUSB_ERROR_OTHER},
+        {EBUSY, LIBUSB_ERROR_PIPE, LIBUSB_ERROR_BUSY},
+        {EACCES, LIBUSB_ERROR_PIPE, LIBUSB_ERROR_ACCESS},
+        {EPERM, LIBUSB_ERROR_OTHER, LIBUSB_ERROR_ACCESS},
+        {EREMOTE, LIBUSB_ERROR_PIPE, LIBUSB_ERROR_OTHER},
+        {ERANGE, LIBUSB_ERROR_PIPE, LIBUSB_ERROR_OTHER},
+        {EILSEQ, LIBUSB_ERROR_PIPE, LIBUSB_ERROR_OTHER},
+        {EINVAL, LIBUSB_ERROR_PIPE, LIBUSB_ERROR_OTHER},
+        {EPROTO, LIBUSB_ERROR_IO, LIBUSB_ERROR_OTHER},
+        {EIO, LIBUSB_ERROR_IO, LIBUSB_ERROR_OTHER},
+        {ENOENT, LIBUSB_ERROR_NOT_SUPPORTED, LIBUSB_ERROR_NO_DEVICE},
+        {ENOBUFS, LIBUSB_ERROR_NOT_SUPPORTED, LIBUSB_ERROR_OTHER},
+        {EBADRQC, LIBUSB_ERROR_NOT_SUPPORTED, LIBUSB_ERROR_OTHER},
+        {ENOTTY, LIBUSB_ERROR_NOT_SUPPORTED, LIBUSB_ERROR_OTHER},
+        {EAGAIN, LIBUSB_ERROR_OTHER, LIBUSB_ERROR_OTHER},
+    };
+    for (const Row& r : rows) {
+        EXPECT_EQ(usb_error_of_query(r.error), r.query) << r.error;
+        EXPECT_EQ(usb_error_of_open(r.error), r.open) << r.error;
+    }
 }
 
 TEST(SamCommands, OnlyTheCommandsMapToTheWire) {
