@@ -1,4 +1,5 @@
-// No trace of a card in freed memory: this program takes over malloc and free,
+// No trace of a card in freed memory or in the log: this program takes over
+// malloc and free,
 // and every block freed while a card is read is searched for the card's name
 // and number, whichever encoding they are in. Blocks of the emulation's own
 // transport (umockdev and its GLib, and the simulated camera, served on
@@ -149,8 +150,11 @@ TEST_P(CardMemory, FreedBlocksHoldNoCardData) {
         g_watching = true;
         EXPECT_EQ(t->ReadByExtItem(EXT_ITEM_SAM, &in, out.get()), 0);
         g_watching = false;
-        quiet.Take();
+        const std::string log = quiet.Take();
         EXPECT_STREQ(out->name, L"张三");
+        for (const std::string& trace : kTraces) {
+            EXPECT_EQ(log.find(trace), std::string::npos) << "card data in the log: " << log;
+        }
         EXPECT_EQ(g_found.load(), 0)
             << "card data in " << g_where << " (command " << int(cmd) << ")";
     }
