@@ -1,7 +1,6 @@
 // No trace of a card in freed memory or in the log: this program takes over
-// malloc and free,
-// and every block freed while a card is read is searched for the card's name
-// and number, whichever encoding they are in. Blocks of the emulation's own
+// malloc and free, and every block freed while a card is read is searched for
+// the card's name and number, whichever encoding they are in. Blocks of the emulation's own
 // transport (umockdev and its GLib, and the simulated camera, served on
 // umockdev's thread) are not the library's: a real camera has none of them.
 #include <dlfcn.h>
