@@ -146,6 +146,7 @@ int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
             if (c.serial == o.serial) {
                 bus = c.bus;
                 address = c.address;
+                break;
             }
         }
         if (bus == 0) return TARVIK_E_NO_CAMERA;

@@ -146,7 +146,12 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
     // noted; the first transfer then fails as it would have.
     const int claimed = libusb_claim_interface(handle, kInterface);
     m_pPrivate->interfaceClaimed = claimed == 0;
-    if (claimed == LIBUSB_ERROR_BUSY) tarvik::note_open_failure(claimed);
+    if (claimed == LIBUSB_ERROR_BUSY) {
+        tarvik::note_open_failure(claimed);
+        TLOG(
+            "libTarvik: the camera is in use by another program; its transfers will fail until "
+            "that program lets it go.\n");
+    }
 
     m_bInnerOpened = true;
     m_pDevHandle = handle;
