@@ -20,3 +20,21 @@ expect_run(143 "" run -- sh -c "kill -TERM $$")
 expect_run(2 "" run --no-such-option -- true)
 expect_run(2 "" run --tilt 80,80 -- true)
 expect_run(127 "" run -- /nonexistent/program)
+
+# Addresses run up to 255.
+expect_run(0 "" run --camera 2:255 -- true)
+
+# The emulation's root goes with the launcher.
+execute_process(COMMAND ${LAUNCHER} run -- sh -c "printf %s \"$UMOCKDEV_DIR\""
+  OUTPUT_VARIABLE root RESULT_VARIABLE status)
+if(NOT status EQUAL 0 OR root STREQUAL "" OR EXISTS "${root}")
+  message(FATAL_ERROR "the emulation's root ${root} is left behind (status ${status})")
+endif()
+
+# A real libusb client reads the descriptors the cameras and other devices show.
+execute_process(COMMAND ${LAUNCHER} run --other-device 1:3 -- lsusb -v
+  OUTPUT_VARIABLE out ERROR_QUIET RESULT_VARIABLE status)
+file(READ ${CMAKE_CURRENT_LIST_DIR}/lsusb-v.txt expected)
+if(NOT out STREQUAL expected)
+  message(FATAL_ERROR "lsusb -v shows:\n${out}\nexpected:\n${expected}")
+endif()

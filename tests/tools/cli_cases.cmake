@@ -242,6 +242,11 @@ elseif(CASE STREQUAL "no_camera")
   expect_match(ERR "^tarvikctl: no camera at bus 1, address 9 \\(cameras at bus:address 1:2, 1:3\\): result 11")
 
 elseif(CASE STREQUAL "log_destinations")
+  # The library's lines and libusb's own messages keep their order.
+  set(ENV{LIBUSB_DEBUG} 4)
+  tool(0 get roi)
+  unset(ENV{LIBUSB_DEBUG})
+  expect_match(ERR "libTarvik: libusb_get_device_list\\.\\.\\.[^\n]*\n[^\n]*libusb: debug \\[libusb_get_device_list\\]")
   tool(0 get roi)
   expect_match(ERR "${LOG_LINE} ########## ReadROI end")
   tool(0 --quiet get roi)
