@@ -28,6 +28,7 @@ constexpr char kExposureFooter[] =
 // Every command's options live here until the command runs.
 struct Storage {
     SettingOptions get, set;
+    std::vector<std::string> unknownGet, unknownSet;  // a name that is no setting
     std::vector<std::string> exposureValues;
     ItemOptions itemRead, itemWrite;
     GyroOptions gyro;
@@ -54,11 +55,26 @@ void AddSettingOptions(CLI::App& sub, const Setting& s, SettingOptions& o, bool 
     }
 }
 
+// A name that is no setting lands in the command's own NAME: say which names there are.
+void CheckSettingChosen(const CLI::App& cmd, const std::vector<std::string>& unknown, bool write) {
+    if (!cmd.get_subcommands().empty()) {
+        if (unknown.empty()) return;
+        throw CLI::ValidationError(cmd.get_name() + " " + cmd.get_subcommands()[0]->get_name() +
+                                   ": '" + unknown[0] + "' was not expected");
+    }
+    const std::string names = SettingNames(write);
+    if (unknown.empty()) throw CLI::ValidationError(cmd.get_name() + ": which setting? " + names);
+    throw CLI::ValidationError(cmd.get_name() + ": '" + unknown[0] + "' is not one of " + names);
+}
+
 // `get NAME` and `set NAME VALUES`: one subcommand per setting of the table.
 void AddSettings(CLI::App& app, Storage& st, Invocation& inv, bool write) {
     auto* cmd = app.add_subcommand(write ? "set" : "get", std::string(write ? "Write" : "Read") +
                                                               " a setting: " + SettingNames(write));
-    cmd->require_subcommand(1);
+    std::vector<std::string>& unknown = write ? st.unknownSet : st.unknownGet;
+    cmd->add_option("NAME", unknown, "The setting")->group("");
+    cmd->require_subcommand(0, 1);
+    cmd->callback([cmd, &unknown, write] { CheckSettingChosen(*cmd, unknown, write); });
     for (const Setting& s : Settings()) {
         if (write ? s.write == nullptr : s.read == nullptr) continue;
         SettingOptions& o = write ? st.set : st.get;  // one setting runs
