@@ -1,6 +1,6 @@
 # End-to-end cases of tarvikctl: the real binary under tarvik-sim, checked by exit status,
 # standard output and standard error. Run with -DCASE=<name> -DSIM=<tarvik-sim>
-# -DTOOL=<tarvikctl> -DCARD=<card file> -DWORK=<scratch directory>.
+# -DTOOL=<tarvikctl> -DCARD=<card file> -DWORK=<scratch directory> -DSOURCE=<source tree>.
 # A case that needs a simulator option this tarvik-sim lacks prints "PENDING: ..." and
 # stops; the test is then reported as skipped.
 cmake_minimum_required(VERSION 3.25)
@@ -399,6 +399,18 @@ elseif(CASE STREQUAL "simulate")
     fail("--simulate: status ${status}")
   endif()
   expect_out("100 200 640 480\n")
+
+elseif(CASE STREQUAL "tour")
+  # docs/cli-tour.txt is what scripts/tour.sh prints (its comment lines aside).
+  get_filename_component(tool_dir ${TOOL} DIRECTORY)
+  get_filename_component(sim_dir ${SIM} DIRECTORY)
+  set(SIM_ARGS --card ${CARD} --tilt 12,-5)
+  run(0 env PATH=${tool_dir}:${sim_dir}:$ENV{PATH} bash ${SOURCE}/scripts/tour.sh)
+  file(READ ${SOURCE}/docs/cli-tour.txt doc)
+  string(REGEX REPLACE "^(#[^\n]*\n)*\n" "" doc "${doc}")
+  if(NOT OUT STREQUAL doc)
+    fail("docs/cli-tour.txt is not what scripts/tour.sh prints")
+  endif()
 
 # --- cases that need the simulator's newer options ---
 
