@@ -39,7 +39,7 @@ struct Storage {
 // The options a setting takes, from its kind.
 void AddSettingOptions(CLI::App& sub, const Setting& s, SettingOptions& o, bool write) {
     if (write) {
-        sub.add_option("VALUES", o.values, s.valueNames)->required()->type_name(s.valueNames);
+        sub.add_option("VALUES", o.values, ValueHelp(s.kind))->required()->type_name(s.valueNames);
     }
     if (s.kind == SettingKind::kDeviceText) {
         sub.add_flag("--hex", o.hex, write ? "The value is 40 hex digits" : "Print 40 hex digits");

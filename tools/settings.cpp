@@ -9,21 +9,21 @@ namespace {
 using V = SettingValue;
 
 const std::vector<Setting> kSettings = {
-    {"roi", "the region of interest, four 32-bit values", SettingKind::kFields, 4, "V1 V2 V3 V4",
+    {"roi", "The region of interest: four 32-bit values", SettingKind::kFields, 4, "V1 V2 V3 V4",
      [](tarvik_camera* c, V& v) { return tarvik_read_roi(c, v.fields.data()); },
      [](tarvik_camera* c, const V& v) { return tarvik_write_roi(c, v.fields.data()); }},
-    {"mjpeg-qp", "the MJPEG quantisation, four 32-bit values", SettingKind::kFields, 4,
+    {"mjpeg-qp", "The MJPEG quantisation: four 32-bit values", SettingKind::kFields, 4,
      "V1 V2 V3 V4", [](tarvik_camera* c, V& v) { return tarvik_read_mjpeg_qp(c, v.fields.data()); },
      [](tarvik_camera* c, const V& v) { return tarvik_write_mjpeg_qp(c, v.fields.data()); }},
-    {"device-id", "the device id, 20 bytes", SettingKind::kDeviceText, 0, "TEXT",
+    {"device-id", "The device id: 20 bytes", SettingKind::kDeviceText, 0, "TEXT",
      [](tarvik_camera* c, V& v) { return tarvik_read_device_id(c, v.bytes.data()); },
      [](tarvik_camera* c, const V& v) { return tarvik_write_device_id(c, v.bytes.data()); }},
-    {"device-sn", "the device serial number, 20 bytes", SettingKind::kDeviceText, 0, "TEXT",
+    {"device-sn", "The device's serial number: 20 bytes", SettingKind::kDeviceText, 0, "TEXT",
      [](tarvik_camera* c, V& v) { return tarvik_read_device_sn(c, v.bytes.data()); },
      [](tarvik_camera* c, const V& v) { return tarvik_write_device_sn(c, v.bytes.data()); }},
-    {"gpio", "the two GPIO values (write only)", SettingKind::kFields, 2, "V1 V2", nullptr,
+    {"gpio", "The two GPIO values (written only)", SettingKind::kFields, 2, "V1 V2", nullptr,
      [](tarvik_camera* c, const V& v) { return tarvik_write_gpio(c, v.fields[0], v.fields[1]); }},
-    {"vcm", "the lens motor: a value 0-65535 chosen by --mode", SettingKind::kLensMotor, 0, "VALUE",
+    {"vcm", "The lens motor: a 16-bit value, chosen by --mode", SettingKind::kLensMotor, 0, "VALUE",
      [](tarvik_camera* c, V& v) { return tarvik_read_vcm(c, v.mode, &v.motor); },
      [](tarvik_camera* c, const V& v) {
          return tarvik_write_vcm(c, v.mode, v.motor, v.ctrl0, v.ctrl1);
@@ -45,6 +45,19 @@ std::string OneValue(const Setting& s, const SettingOptions& o, const char* hint
 }  // namespace
 
 const std::vector<Setting>& Settings() { return kSettings; }
+
+const char* ValueHelp(SettingKind kind) {
+    switch (kind) {
+        case SettingKind::kFields:
+            return "32-bit values, decimal or 0x.. hex";
+        case SettingKind::kDeviceText:
+            return "Printable ASCII, at most 20 characters, zero-padded (with --hex: 40 hex "
+                   "digits)";
+        case SettingKind::kLensMotor:
+            break;
+    }
+    return "0-65535";
+}
 
 std::string SettingNames(bool writable) {
     std::string out;

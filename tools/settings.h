@@ -40,6 +40,9 @@ struct Setting {
 
 const std::vector<Setting>& Settings();
 
+// What a value of the kind may be, for the help.
+const char* ValueHelp(SettingKind kind);
+
 // "roi, mjpeg-qp, ..." of the settings that can be read (or written).
 std::string SettingNames(bool writable);
 
