@@ -3,6 +3,7 @@
 set -euo pipefail
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+cd "$work"  # the card's photo lands here
 
 run() {
   echo "\$ $*"
@@ -10,12 +11,14 @@ run() {
   echo
 }
 
-run tarvikctl --quiet list
-run tarvikctl --quiet info
-run tarvikctl --quiet set roi 10 20 320 240
-run tarvikctl --quiet get roi
-run tarvikctl --quiet set device-sn KIOSK-0042
-run tarvikctl --quiet get device-sn
-run tarvikctl --quiet gyro
-run tarvikctl --quiet idcard --photo "$work/photo.bin"
-echo "photo: $(stat -c %s "$work/photo.bin") bytes"
+run tarvikctl --version
+run tarvikctl list
+run tarvikctl info
+run tarvikctl set roi 10 20 320 240
+run tarvikctl get roi
+run tarvikctl --json get roi
+run tarvikctl set device-sn KIOSK-0042
+run tarvikctl get device-sn
+run tarvikctl gyro
+run tarvikctl idcard --photo photo.bin
+echo "photo.bin: $(stat -c '%s bytes, mode %a' photo.bin)"

@@ -1,24 +1,34 @@
 #include "cli.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
-#include <memory>
+#include <cstring>
 
 #include "commands.h"
+#include "completion.h"
 
 namespace tarvikctl {
 
 namespace {
 
 constexpr char kFooter[] =
-    "Results go to standard output; the library's log lines and libusb's messages go to\n"
-    "standard error (or --log FILE, or nowhere with --quiet). Exit status: 0 success,\n"
-    "1 the camera or the library reported a failure, 2 bad arguments (nothing was sent),\n"
-    "3 no camera found or it could not be opened.";
+    "Results go to standard output, the tool's own messages to standard error. The library's\n"
+    "log lines are dropped unless -v (standard error) or --log FILE (appended) asks for them.\n"
+    "With --json every command prints one JSON object: {\"ok\":true,\"result\":0,...} on\n"
+    "success, {\"ok\":false,\"result\":N,\"error\":NAME,\"message\":TEXT} on failure.\n"
+    "Exit status: 0 success, 1 the camera or the library reported a failure, 2 bad arguments\n"
+    "(nothing was sent), 3 no camera found or it could not be opened.";
+
+constexpr char kExposureFooter[] =
+    "The tool reads and writes the exposure item (1) itself and makes the checks the\n"
+    "library's members make: set-times refuses a time outside its eye's range and eyes\n"
+    "not in manual mode (flags[4] = 1), and sends the block read with each eye's time,\n"
+    "flags[2] = 0 and flags[4] = 1; set-mode refuses two different modes and sends an\n"
+    "all-zero block but flags[2] = 1 and flags[4] = the mode's low byte, in both eyes.";
 
 // Every command's options live here until the command runs.
 struct Storage {
-    GetSetOptions get, set;
+    SettingOptions get, set;
+    std::vector<std::string> unknownGet, unknownSet;  // a name that is no setting
     std::vector<std::string> exposureValues;
     ItemOptions itemRead, itemWrite;
     GyroOptions gyro;
@@ -26,46 +36,62 @@ struct Storage {
     std::string samCommand;
 };
 
-void AddGetSet(CLI::App& app, Storage& s, Invocation& inv) {
-    auto* get =
-        app.add_subcommand("get", "Read a setting: roi, mjpeg-qp, device-id, device-sn, vcm");
-    get->add_option("NAME", s.get.name, "What to read")->required();
-    get->add_flag("--hex", s.get.hex, "device-id, device-sn: print 40 hex digits, not text");
-    auto* getMode = get->add_option("--mode", s.get.mode, "vcm: which value (0-255, default 0)")
-                        ->type_name("N");
-    get->callback([&s, &inv, getMode] {
-        s.get.modeGiven = getMode->count() > 0;
-        inv.run = [&s](Session& session) { return RunGet(session, s.get); };
-    });
+// The options a setting takes, from its kind.
+void AddSettingOptions(CLI::App& sub, const Setting& s, SettingOptions& o, bool write) {
+    if (write) {
+        sub.add_option("VALUES", o.values, ValueHelp(s.kind))->required()->type_name(s.valueNames);
+    }
+    if (s.kind == SettingKind::kDeviceText) {
+        sub.add_flag("--hex", o.hex, write ? "The value is 40 hex digits" : "Print 40 hex digits");
+    }
+    if (s.kind == SettingKind::kLensMotor) {
+        sub.add_option("--mode", o.mode, "Which value (0-255, default 0)")->type_name("N");
+    }
+    if (s.kind == SettingKind::kLensMotor && write) {
+        sub.add_option("--ctrl0", o.ctrl0, "First leading byte, sent unchanged (default 0)")
+            ->type_name("B");
+        sub.add_option("--ctrl1", o.ctrl1, "Second leading byte, sent unchanged (default 0)")
+            ->type_name("B");
+    }
+}
 
-    auto* set = app.add_subcommand(
-        "set", "Write a setting: roi, mjpeg-qp, device-id, device-sn, gpio, vcm");
-    set->footer(
-        "  set roi V1 V2 V3 V4 | set mjpeg-qp V1 V2 V3 V4 | set gpio V1 V2\n"
-        "      32-bit values, decimal or 0x.. hex\n"
-        "  set device-id TEXT | set device-sn TEXT\n"
-        "      printable ASCII, at most 20 characters, zero-padded; with --hex 40 hex digits\n"
-        "  set vcm VALUE [--mode N] [--ctrl0 B] [--ctrl1 B]\n"
-        "      VALUE 0-65535, N and B 0-255");
-    set->add_option("NAME", s.set.name, "What to write")->required();
-    set->add_option("VALUES", s.set.values, "The values")->required();
-    set->add_flag("--hex", s.set.hex, "device-id, device-sn: the value is 40 hex digits");
-    auto* setMode = set->add_option("--mode", s.set.mode, "vcm: which value (0-255, default 0)")
-                        ->type_name("N");
-    set->add_option("--ctrl0", s.set.ctrl0, "vcm: first leading byte, sent unchanged (default 0)")
-        ->type_name("B");
-    set->add_option("--ctrl1", s.set.ctrl1, "vcm: second leading byte, sent unchanged (default 0)")
-        ->type_name("B");
-    set->callback([&s, &inv, setMode] {
-        s.set.modeGiven = setMode->count() > 0;
-        inv.run = [&s](Session& session) { return RunSet(session, s.set); };
-    });
+// A name that is no setting lands in the command's own NAME: say which names there are.
+void CheckSettingChosen(const CLI::App& cmd, const std::vector<std::string>& unknown, bool write) {
+    if (!cmd.get_subcommands().empty()) {
+        if (unknown.empty()) return;
+        throw CLI::ValidationError(cmd.get_name() + " " + cmd.get_subcommands()[0]->get_name() +
+                                   ": '" + unknown[0] + "' was not expected");
+    }
+    const std::string names = SettingNames(write);
+    if (unknown.empty()) throw CLI::ValidationError(cmd.get_name() + ": which setting? " + names);
+    throw CLI::ValidationError(cmd.get_name() + ": '" + unknown[0] + "' is not one of " + names);
+}
+
+// `get NAME` and `set NAME VALUES`: one subcommand per setting of the table.
+void AddSettings(CLI::App& app, Storage& st, Invocation& inv, bool write) {
+    auto* cmd = app.add_subcommand(write ? "set" : "get", std::string(write ? "Write" : "Read") +
+                                                              " a setting: " + SettingNames(write));
+    std::vector<std::string>& unknown = write ? st.unknownSet : st.unknownGet;
+    cmd->add_option("NAME", unknown, "The setting")->group("");
+    cmd->require_subcommand(0, 1);
+    cmd->callback([cmd, &unknown, write] { CheckSettingChosen(*cmd, unknown, write); });
+    for (const Setting& s : Settings()) {
+        if (write ? s.write == nullptr : s.read == nullptr) continue;
+        SettingOptions& o = write ? st.set : st.get;  // one setting runs
+        auto* sub = cmd->add_subcommand(s.name, s.summary);
+        AddSettingOptions(*sub, s, o, write);
+        sub->callback([&s, &o, &inv, write] {
+            inv.run = [&s, &o, write](Session& session) {
+                return write ? RunSet(session, s, o) : RunGet(session, s, o);
+            };
+        });
+    }
 }
 
 void AddExposure(CLI::App& app, Storage& s, Invocation& inv) {
-    auto* exposure = app.add_subcommand(
-        "exposure", "The five exposure operations, as the library provides them");
+    auto* exposure = app.add_subcommand("exposure", "Both eyes' exposure, from the exposure item");
     exposure->require_subcommand(1);
+    exposure->footer(kExposureFooter);
     struct Op {
         const char* name;
         const char* help;
@@ -74,17 +100,19 @@ void AddExposure(CLI::App& app, Storage& s, Invocation& inv) {
     };
     static const Op kOps[] = {
         {"get-times", "Both eyes' exposure times", ExposureOp::kGetTimes, nullptr},
-        {"set-times", "Set both eyes' exposure times (manual mode)", ExposureOp::kSetTimes,
+        {"set-times", "Set both eyes' times (manual mode, within range)", ExposureOp::kSetTimes,
          "LEFT RIGHT"},
         {"get-range", "Both eyes' exposure-time ranges", ExposureOp::kGetRange, nullptr},
         {"get-mode", "Both eyes' exposure modes (1: manual)", ExposureOp::kGetMode, nullptr},
-        {"set-mode", "Set both eyes' exposure mode (they must be equal)", ExposureOp::kSetMode,
+        {"set-mode", "Set both eyes' mode (the two must be equal)", ExposureOp::kSetMode,
          "LEFT RIGHT"},
     };
     for (const Op& op : kOps) {
         auto* sub = exposure->add_subcommand(op.name, op.help);
         if (op.values != nullptr) {
-            sub->add_option(op.values, s.exposureValues, "Left eye, then right eye")->required();
+            sub->add_option("VALUES", s.exposureValues, "Left eye, then right eye")
+                ->required()
+                ->type_name(op.values);
         }
         const ExposureOp which = op.op;
         sub->callback([&s, &inv, which] {
@@ -95,132 +123,166 @@ void AddExposure(CLI::App& app, Storage& s, Invocation& inv) {
     }
 }
 
+// --target, --length, --offset and --mode of `item read` / `item write`.
+void AddItemOptions(CLI::App& sub, ItemOptions& o, bool write, Invocation& inv) {
+    sub.add_option("ITEM", o.item, "Item number (1-18) or name")->required();
+    if (write) sub.add_option("HEX", o.hex, "The record's bytes as hex digits");
+    auto* t = sub.add_option("--target", o.target, "data-block: target byte")->type_name("N");
+    auto* l = sub.add_option("--length", o.length,
+                             write ? "not used: the data's length counts"
+                                   : "data-block: bytes (0-48, default 48)")
+                  ->type_name("N");
+    auto* f = sub.add_option("--offset", o.offset, "data-block: offset (0-65535)")->type_name("N");
+    auto* m =
+        sub.add_option("--mode", o.mode,
+                       write ? "not used: a vcm record has its mode" : "vcm: which value (0-255)")
+            ->type_name("N");
+    sub.callback([&o, &inv, write, t, l, f, m] {
+        o.blockGiven = t->count() + l->count() + f->count() > 0;
+        o.lengthGiven = l->count() > 0;
+        o.modeGiven = m->count() > 0;
+        inv.run = [&o, write](Session& session) {
+            return write ? RunItemWrite(session, o) : RunItemRead(session, o);
+        };
+    });
+}
+
 void AddItem(CLI::App& app, Storage& s, Invocation& inv) {
     auto* item = app.add_subcommand(
         "item", "Any extension item through one transaction; records as hex bytes");
     item->require_subcommand(1);
     item->add_subcommand("list", "The items, with their read and write record sizes")
         ->callback([&inv] { inv.run = [](Session& session) { return RunItemList(session); }; });
-
-    auto* read = item->add_subcommand("read", "Read an item and print its record as hex");
-    read->add_option("ITEM", s.itemRead.item, "Item number (1-18) or name")->required();
-    auto* rt =
-        read->add_option("--target", s.itemRead.target, "data-block: target byte")->type_name("N");
-    auto* rl =
-        read->add_option("--length", s.itemRead.length, "data-block: bytes (0-48, default 48)")
-            ->type_name("N");
-    auto* ro = read->add_option("--offset", s.itemRead.offset, "data-block: offset (0-65535)")
-                   ->type_name("N");
-    auto* rm =
-        read->add_option("--mode", s.itemRead.mode, "vcm: which value (0-255)")->type_name("N");
-    read->callback([&s, &inv, rt, rl, ro, rm] {
-        s.itemRead.blockGiven = rt->count() + rl->count() + ro->count() > 0;
-        s.itemRead.lengthGiven = rl->count() > 0;
-        s.itemRead.modeGiven = rm->count() > 0;
-        inv.run = [&s](Session& session) { return RunItemRead(session, s.itemRead); };
-    });
-
-    auto* write = item->add_subcommand(
-        "write", "Write an item's record given as hex (data-block: its data bytes)");
-    write->add_option("ITEM", s.itemWrite.item, "Item number (1-18) or name")->required();
-    write->add_option("HEX", s.itemWrite.hex, "The record's bytes as hex digits");
-    auto* wt = write->add_option("--target", s.itemWrite.target, "data-block: target byte")
-                   ->type_name("N");
-    auto* wl =
-        write->add_option("--length", s.itemWrite.length, "not used: the data's length counts")
-            ->type_name("N");
-    auto* wo = write->add_option("--offset", s.itemWrite.offset, "data-block: offset (0-65535)")
-                   ->type_name("N");
-    auto* wm = write->add_option("--mode", s.itemWrite.mode, "not used: a vcm record has its mode")
-                   ->type_name("N");
-    write->callback([&s, &inv, wt, wl, wo, wm] {
-        s.itemWrite.blockGiven = wt->count() + wl->count() + wo->count() > 0;
-        s.itemWrite.lengthGiven = wl->count() > 0;
-        s.itemWrite.modeGiven = wm->count() > 0;
-        inv.run = [&s](Session& session) { return RunItemWrite(session, s.itemWrite); };
-    });
+    AddItemOptions(*item->add_subcommand("read", "Read an item and print its record as hex"),
+                   s.itemRead, false, inv);
+    AddItemOptions(*item->add_subcommand(
+                       "write", "Write an item's record given as hex (data-block: its data bytes)"),
+                   s.itemWrite, true, inv);
 }
 
-void AddCommands(CLI::App& app, Storage& s, Invocation& inv) {
-    app.add_subcommand("list", "Every camera (0ac8:010c) with its bus and address")
-        ->callback([&inv] { inv.run = [](Session& session) { return RunList(session); }; });
-    app.add_subcommand("info", "Everything readable at once")->callback([&inv] {
-        inv.run = [](Session& session) { return RunInfo(session); };
-    });
-    AddGetSet(app, s, inv);
-    AddExposure(app, s, inv);
-    AddItem(app, s, inv);
-
+void AddGyro(CLI::App& app, Storage& s, Invocation& inv) {
     auto* gyro = app.add_subcommand("gyro", "Pitch and roll in whole degrees");
-    gyro->add_flag("--watch", s.gyro.watch, "Refresh until interrupted (Ctrl-C)");
+    gyro->add_flag("--watch", s.gyro.watch,
+                   "Read again and again until interrupted or the output is closed");
     gyro->add_option("--interval", s.gyro.intervalMs,
                      "--watch: milliseconds between reads (default 500)")
         ->type_name("MS");
-    gyro->add_option("--count", s.gyro.count,
-                     "--watch: stop after this many reads (default: never)")
+    gyro->add_option("--count", s.gyro.count, "--watch: stop after this many reads")
         ->type_name("N");
     gyro->callback(
         [&s, &inv] { inv.run = [&s](Session& session) { return RunGyro(session, s.gyro); }; });
+}
 
+void AddCard(CLI::App& app, Storage& s, Invocation& inv) {
     auto* card = app.add_subcommand("idcard", "Read an identity card through the SAM");
-    card->add_option("--photo", s.card.photo, "Write the raw photo block (1024 bytes) to FILE")
+    card->add_option("--photo", s.card.photo,
+                     "Write the raw photo block (1024 bytes) to FILE, mode 0600")
         ->type_name("FILE");
     card->add_option("--third-block", s.card.thirdBlock,
-                     "Read the third block too and write it (1024 bytes) to FILE")
+                     "Read the third block too and write it (1024 bytes) to FILE, mode 0600")
         ->type_name("FILE");
     card->callback(
         [&s, &inv] { inv.run = [&s](Session& session) { return RunIdcard(session, s.card); }; });
 
-    auto* sam =
-        app.add_subcommand("sam", "Run one raw SAM command (0-4, 6, 7) and print its result");
+    auto* sam = app.add_subcommand("sam", "Run one raw SAM command (0-4, 6, 7); print its code");
     sam->add_option("CMD", s.samCommand, "The command")->required();
     sam->callback(
         [&s, &inv] { inv.run = [&s](Session& session) { return RunSam(session, s.samCommand); }; });
+}
+
+void AddCommands(CLI::App& app, Storage& s, Invocation& inv) {
+    app.add_subcommand("list", "Every camera (0ac8:010c): bus, address, serial, video node")
+        ->callback([&inv] { inv.run = [](Session& session) { return RunList(session); }; });
+    app.add_subcommand("info", "Everything readable at once")->callback([&inv] {
+        inv.run = [](Session& session) { return RunInfo(session); };
+    });
+    AddSettings(app, s, inv, false);
+    AddSettings(app, s, inv, true);
+    AddExposure(app, s, inv);
+    AddItem(app, s, inv);
+    AddGyro(app, s, inv);
+    AddCard(app, s, inv);
+}
+
+void AddSelection(CLI::App& app, Selection& c) {
+    auto* bus = app.add_option("--bus", c.bus, "The camera's bus (with --address)")
+                    ->type_name("BUS")
+                    ->check(CLI::Range(1, 255));
+    auto* address = app.add_option("--address", c.address, "The camera's address (with --bus)")
+                        ->type_name("ADDRESS")
+                        ->check(CLI::Range(1, 255));
+    bus->needs(address);
+    address->needs(bus);
+    auto* serial = app.add_option("-s,--serial", c.serial, "The camera with this USB serial number")
+                       ->type_name("SN");
+    auto* video =
+        app.add_option("--video", c.video, "The camera of this capture node, on the kernel path")
+            ->type_name("NODE");
+    serial->excludes(bus, address, video);
+    video->excludes(bus, address);
+    app.add_option("--transport", c.transport,
+                   "usb (libusb; the video driver is detached meanwhile), kernel (the video\n"
+                   "driver's node; video keeps streaming) or auto (default: kernel when the\n"
+                   "video driver holds the camera)")
+        ->type_name("PATH")
+        ->check(CLI::IsMember({"usb", "kernel", "auto"}));
+}
+
+void AddOutput(CLI::App& app, GlobalOptions& g) {
+    app.add_flag("--json", g.json, "Print each result (and error) as one JSON object");
+    app.add_flag("-v,--verbose", g.verbose, "Show the library's log lines on standard error");
+    app.add_option("--log", g.logFile, "Append the library's log lines to FILE")->type_name("FILE");
+    // Quiet is the default now; the flag stays for scripts written when it was not.
+    app.add_flag("--quiet", g.quiet, "")->group("");
+    app.add_flag("--simulate", g.simulate,
+                 "Run under tarvik-sim with the default simulated camera");
+    app.set_version_flag("--version", std::string("tarvikctl ") + TARVIKCTL_VERSION +
+                                          " (libTarvik " + tarvik_version() + ")");
+}
+
+bool JsonAsked(int argc, char** argv) {
+    for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
+        if (std::strcmp(argv[i], "--json") == 0) return true;
+    }
+    return false;
+}
+
+// Global choices that CLI11 can't state as rules between options.
+std::string CheckGlobals(const GlobalOptions& g) {
+    if (!g.camera.video.empty() && g.camera.transport == "usb") {
+        return "--video reaches the camera through the kernel path; it can't go with "
+               "--transport usb";
+    }
+    return {};
 }
 
 }  // namespace
 
 Invocation ParseCommandLine(int argc, char** argv) {
     Invocation inv;
+    inv.jsonAsked = JsonAsked(argc, argv);
     // The command's closures refer to the storage; it lives as long as the process.
     static Storage storage;
     CLI::App app{"Control of the dual-eye camera (0ac8:010c) through libTarvik.", "tarvikctl"};
-    app.footer(kFooter);
     app.fallthrough();  // global options may follow the command
-    GlobalOptions& g = inv.global;
-    auto* bus = app.add_option("--bus", g.bus, "The camera's bus (with --address)")
-                    ->type_name("BUS")
-                    ->check(CLI::Range(1, 255));
-    auto* address = app.add_option("--address", g.address, "The camera's address (with --bus)")
-                        ->type_name("ADDRESS")
-                        ->check(CLI::Range(1, 255));
-    bus->needs(address);
-    address->needs(bus);
-    app.add_flag("--json", g.json, "Print results as JSON");
-    auto* quiet = app.add_flag("--quiet", g.quiet, "Drop the library's and libusb's messages");
-    auto* log =
-        app.add_option("--log", g.logFile, "Append the library's and libusb's messages to FILE")
-            ->type_name("FILE");
-    quiet->excludes(log);
-    app.add_flag("--simulate", g.simulate,
-                 "Run under tarvik-sim with the default simulated camera");
+    AddSelection(app, inv.global.camera);
+    AddOutput(app, inv.global);
     AddCommands(app, storage, inv);
-
+    AddBashCompletionOption(app);
+    app.footer(kFooter);  // after the commands, which would inherit it
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0) {
             inv.exitNow = app.exit(e);
         } else {
-            std::fprintf(stderr, "tarvikctl: %s\nRun 'tarvikctl --help' for more information.\n",
-                         e.what());
-            inv.exitNow = kExitUsage;
+            inv.usageError = e.what();
         }
         return inv;
     }
-    if (!inv.run) {
-        std::fprintf(stderr, "tarvikctl: a command is required\n%s", app.help().c_str());
-        inv.exitNow = kExitUsage;
+    inv.usageError = CheckGlobals(inv.global);
+    if (inv.usageError.empty() && !inv.run && !inv.global.simulate) {
+        inv.usageError = "a command is required";
     }
     return inv;
 }

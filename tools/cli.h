@@ -3,7 +3,6 @@
 
 #include <functional>
 #include <string>
-#include <vector>
 
 #include "session.h"
 
@@ -12,10 +11,12 @@ namespace tarvikctl {
 struct Invocation {
     GlobalOptions global;
     std::function<int(Session&)> run;  // the chosen command
-    int exitNow = -1;                  // >= 0: help was printed or the arguments were wrong
+    int exitNow = -1;        // >= 0: help, the version or the completion script was printed
+    std::string usageError;  // the arguments were wrong: nothing is to be sent
+    bool jsonAsked = false;  // --json was given, also when the parse failed
 };
 
-// Parses argv. Prints help (stdout) and argument errors (stderr) itself.
+// Parses argv. Prints help, the version and the completion script itself.
 Invocation ParseCommandLine(int argc, char** argv);
 
 }  // namespace tarvikctl

@@ -1,5 +1,6 @@
 // The commands. Each checks its values first, then talks to the camera through the
-// session, prints its result and returns the exit status (errors are thrown as ToolError).
+// session, replies and returns the exit status; errors are thrown as ToolError
+// (or ValueError for what the user typed).
 #pragma once
 
 #include <string>
@@ -7,15 +8,15 @@
 
 #include "item_records.h"
 #include "session.h"
-#include "set_request.h"
+#include "settings.h"
 
 namespace tarvikctl {
 
 int RunList(Session& session);
 int RunInfo(Session& session);
 
-int RunGet(Session& session, const GetSetOptions& options);
-int RunSet(Session& session, const GetSetOptions& options);
+int RunGet(Session& session, const Setting& setting, const SettingOptions& options);
+int RunSet(Session& session, const Setting& setting, const SettingOptions& options);
 
 enum class ExposureOp { kGetTimes, kSetTimes, kGetRange, kGetMode, kSetMode };
 int RunExposure(Session& session, ExposureOp op, const std::vector<std::string>& values);
@@ -27,7 +28,7 @@ int RunItemWrite(Session& session, const ItemOptions& options);
 struct GyroOptions {
     bool watch = false;
     std::string intervalMs = "500";
-    std::string count = "0";  // 0: until interrupted
+    std::string count = "0";  // 0: until interrupted or the output closes
 };
 int RunGyro(Session& session, const GyroOptions& options);
 

@@ -1,5 +1,5 @@
 // item list / read / write: any extension item through one transaction, the record as hex.
-#include <TarvikImpl.h>
+#include <cstdio>
 
 #include "commands.h"
 #include "text_format.h"
@@ -11,6 +11,35 @@ namespace {
 Json ItemJson(const ItemInfo& item) { return Json{{"item", item.number}, {"name", item.name}}; }
 
 std::string Direction(int bytes) { return bytes < 0 ? "-" : std::to_string(bytes) + " bytes"; }
+
+std::string What(const char* verb, const ItemInfo& item) {
+    return std::string("item ") + verb + " " + std::to_string(item.number);
+}
+
+DataBlockRecord Block(const ItemRequest& r) {
+    DataBlockRecord block{};
+    block.target = r.target;
+    block.length = r.length;
+    block.offset = r.offset;
+    std::copy(r.bytes.begin(), r.bytes.end(), block.data);
+    return block;
+}
+
+std::vector<uint8_t> ReadBytes(tarvik_camera* camera, const ItemRequest& r) {
+    const ItemInfo& item = *r.item;
+    if (item.number == kDataBlockItem) {
+        DataBlockRecord block = Block(r);
+        Check(tarvik_read_item(camera, item.number, nullptr, &block, sizeof block),
+              What("read", item));
+        return std::vector<uint8_t>(block.data, block.data + r.length);
+    }
+    RecordBuffer record;
+    const int mode = r.mode;  // the lens motor's record: which value
+    const void* input = item.number == kVcmItem ? &mode : nullptr;
+    Check(tarvik_read_item(camera, item.number, input, record.bytes, sizeof record.bytes),
+          What("read", item));
+    return RecordBytes(item, record, item.readBytes);
+}
 
 }  // namespace
 
@@ -27,63 +56,34 @@ int RunItemList(Session& session) {
                       Direction(item.readBytes).c_str(), Direction(item.writeBytes).c_str());
         text += line;
     }
-    session.Emit(json, text);
+    session.Out().Ok(Json{{"items", json}}, text);
     return kExitOk;
 }
 
 int RunItemRead(Session& session, const ItemOptions& options) {
     const ItemRequest r = ParseItemRead(options);
-    const ItemInfo& item = *r.item;
-    const auto number = static_cast<UVC_EXT_ITEM_E>(item.number);
-    std::vector<uint8_t> bytes;
-    int hr = 0;
-    if (item.number == kDataBlockItem) {
-        uvc_extDataBlock block{};
-        block.target = r.target;
-        block.length = r.length;
-        block.offset = r.offset;
-        hr = session.WithCamera(
-            [&](TarvikImpl& c) { return c.ReadByExtItem(number, &block, nullptr); });
-        bytes.assign(block.data, block.data + r.length);
-    } else {
-        RecordBuffer record;
-        auto mode = static_cast<_VCM_MODE_E>(r.mode);
-        void* input = item.number == kVcmItem ? &mode : nullptr;
-        hr = session.WithCamera(
-            [&](TarvikImpl& c) { return c.ReadByExtItem(number, input, record.bytes); });
-        bytes = RecordBytes(item, record, item.readBytes);
-    }
-    if (hr != 0) throw ResultError("item read " + std::to_string(item.number), hr);
-    Json json = ItemJson(item);
+    const std::vector<uint8_t> bytes = ReadBytes(session.Camera(), r);
+    Json json = ItemJson(*r.item);
     json["hex"] = Hex(bytes.data(), bytes.size());
-    session.Emit(json, Hex(bytes.data(), bytes.size()) + "\n");
+    session.Out().Ok(json, Hex(bytes.data(), bytes.size()) + "\n");
     return kExitOk;
 }
 
 int RunItemWrite(Session& session, const ItemOptions& options) {
     const ItemRequest r = ParseItemWrite(options);
     const ItemInfo& item = *r.item;
-    const auto number = static_cast<UVC_EXT_ITEM_E>(item.number);
-    int hr = 0;
+    int result = 0;
     if (item.number == kDataBlockItem) {
-        uvc_extDataBlock block{};
-        block.target = r.target;
-        block.length = r.length;
-        block.offset = r.offset;
-        std::copy(r.bytes.begin(), r.bytes.end(), block.data);
-        hr = session.WithCamera([&](TarvikImpl& c) { return c.WriteByExtItem(number, &block); });
+        const DataBlockRecord block = Block(r);
+        result = tarvik_write_item(session.Camera(), item.number, &block, sizeof block);
     } else {
         RecordBuffer record;
         FillRecord(item, r.bytes, record);
-        hr = session.WithCamera(
-            [&](TarvikImpl& c) { return c.WriteByExtItem(number, record.bytes); });
+        result =
+            tarvik_write_item(session.Camera(), item.number, record.bytes, sizeof record.bytes);
     }
-    if (hr != 0) throw ResultError("item write " + std::to_string(item.number), hr);
-    if (session.Options().json) {
-        Json json = ItemJson(item);
-        json["result"] = 0;
-        session.Emit(json, "");
-    }
+    Check(result, What("write", item));
+    session.Out().Ok(ItemJson(item), "");
     return kExitOk;
 }
 

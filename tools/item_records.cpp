@@ -1,6 +1,6 @@
 #include "item_records.h"
 
-#include <TarvikImpl.h>
+#include <tarvik.h>
 
 #include <cstddef>
 #include <cstring>
@@ -14,31 +14,31 @@ namespace {
 constexpr int kEtBlockWire = 22;  // three 32-bit, one 16-bit and eight single bytes
 constexpr int kEtBytes = 2 * kEtBlockWire;
 
-static_assert(sizeof(_DUAL_ET_PARAM) <= sizeof(RecordBuffer::bytes));
-static_assert(sizeof(_VERSION_PARAM) <= sizeof(RecordBuffer::bytes));
-static_assert(sizeof(uvc_extDataBlock) <= sizeof(RecordBuffer::bytes));
-static_assert(sizeof(_LED_CONTROL_PARAM) <= sizeof(RecordBuffer::bytes));
-static_assert(offsetof(_ET_PARAM, flags) + 8 == kEtBlockWire);
+static_assert(sizeof(tarvik_exposure) <= sizeof(RecordBuffer::bytes));
+static_assert(sizeof(DataBlockRecord) == 52);
+static_assert(offsetof(tarvik_eye_exposure, flags) + 8 == kEtBlockWire);
 
+// The library's record sizes: the version block is 56 bytes, the LED record eight
+// 32-bit fields, a lens-motor write two bytes, a 16-bit value and a 32-bit mode.
 const std::vector<ItemInfo> kItems = {
-    {EXT_ITEM_ET, "et", kEtBytes, kEtBytes},
-    {EXT_ITEM_MJPEG_QP, "mjpeg-qp", sizeof(_MJPEG_QP_PARAM), sizeof(_MJPEG_QP_PARAM)},
-    {EXT_ITEM_BEEP, "beep", -1, sizeof(unsigned int)},
-    {EXT_ITEM_STATUS_LED, "status-led", -1, sizeof(_STATUS_LED_PARAM)},
-    {EXT_ITEM_VERSION, "version", sizeof(_VERSION_PARAM), -1},
-    {EXT_ITEM_ROI, "roi", sizeof(_ROI_PARAM), sizeof(_ROI_PARAM)},
-    {EXT_ITEM_ROI_STATUS, "roi-status", sizeof(unsigned int), -1},
-    {EXT_ITEM_DEVICE_SN, "device-sn", sizeof(_DEVICE_SN_PARAM), sizeof(_DEVICE_SN_PARAM)},
-    {EXT_ITEM_DEVICE_ID, "device-id", sizeof(_DEVICE_ID_PARAM), sizeof(_DEVICE_ID_PARAM)},
-    {EXT_ITEM_DATA_BLOCK, "data-block", kDataBlockMax, kDataBlockMax},
-    {EXT_ITEM_UVC_MODE, "uvc-mode", -1, sizeof(int)},
-    {EXT_ITEM_SAM, "sam", -1, 0},
-    {EXT_ITEM_STREAM_STATE, "stream-state", sizeof(unsigned int), -1},
-    {EXT_ITEM_LAST_ID, "last-id", sizeof(short), -1},
-    {EXT_ITEM_LED, "led", -1, sizeof(_LED_CONTROL_PARAM)},
-    {EXT_ITEM_GYRO, "gyro", 14, -1},
-    {EXT_ITEM_GPIO, "gpio", -1, sizeof(_GPIO_PARAM)},
-    {EXT_ITEM_VCM, "vcm", sizeof(unsigned short), sizeof(_VCM_PARAM)},
+    {1, "et", kEtBytes, kEtBytes},
+    {2, "mjpeg-qp", 16, 16},
+    {3, "beep", -1, 4},
+    {4, "status-led", -1, 8},
+    {5, "version", 56, -1},
+    {6, "roi", 16, 16},
+    {7, "roi-status", 4, -1},
+    {8, "device-sn", 20, 20},
+    {9, "device-id", 20, 20},
+    {kDataBlockItem, "data-block", kDataBlockMax, kDataBlockMax},
+    {11, "uvc-mode", -1, 4},
+    {kSamItem, "sam", -1, 0},
+    {13, "stream-state", 4, -1},
+    {14, "last-id", 2, -1},
+    {15, "led", -1, 32},
+    {16, "gyro", 14, -1},
+    {17, "gpio", -1, 8},
+    {kVcmItem, "vcm", 2, 8},
 };
 
 // Where the user's bytes sit in the record: one span, or the two eye blocks.
@@ -48,9 +48,9 @@ struct Span {
 };
 
 std::vector<Span> Spans(const ItemInfo& item, size_t size) {
-    if (item.number == EXT_ITEM_ET) {
-        return {{offsetof(_DUAL_ET_PARAM, left), kEtBlockWire},
-                {offsetof(_DUAL_ET_PARAM, right), kEtBlockWire}};
+    if (item.number == kExposureItem) {
+        return {{offsetof(tarvik_exposure, left), kEtBlockWire},
+                {offsetof(tarvik_exposure, right), kEtBlockWire}};
     }
     return {{0, size}};
 }
@@ -83,8 +83,8 @@ std::vector<uint8_t> RecordBytes(const ItemInfo& item, const RecordBuffer& recor
 }
 
 void FillRecord(const ItemInfo& item, const std::vector<uint8_t>& bytes, RecordBuffer& record) {
-    const bool fits = item.number == EXT_ITEM_ET ? bytes.size() == kEtBytes
-                                                 : bytes.size() <= sizeof(record.bytes);
+    const bool fits = item.number == kExposureItem ? bytes.size() == kEtBytes
+                                                   : bytes.size() <= sizeof(record.bytes);
     if (!fits) throw ValueError(std::string("record of ") + item.name + ": wrong size");
     size_t at = 0;
     for (const Span& span : Spans(item, bytes.size())) {

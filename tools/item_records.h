@@ -1,5 +1,6 @@
 // The extension items as `item read` / `item write` see them: which direction each item
-// has, and how its record maps to the hex bytes the user reads and types.
+// has, and how the library's record of it (tarvik_read_item, tarvik_write_item) maps to
+// the hex bytes the user reads and types.
 #pragma once
 
 #include <cstddef>
@@ -18,6 +19,7 @@ struct ItemInfo {
     int writeBytes;
 };
 
+constexpr int kExposureItem = 1;
 constexpr int kDataBlockItem = 10;
 constexpr int kSamItem = 12;
 constexpr int kVcmItem = 18;
@@ -28,6 +30,15 @@ const std::vector<ItemInfo>& Items();
 
 // An item by number ("6") or name ("roi"). Throws ValueError for anything else.
 const ItemInfo& FindItem(const std::string& numberOrName);
+
+// The library's record of the data block (item 10), in and out. tarvik.h names the
+// record but does not define it; this is its layout.
+struct DataBlockRecord {
+    uint8_t target;   // addressing byte, forwarded unchanged
+    uint8_t length;   // data bytes wanted or sent
+    uint16_t offset;  // addressing value, forwarded unchanged
+    uint8_t data[48];
+};
 
 // Room for any item's record, suitably aligned.
 struct RecordBuffer {

@@ -1,56 +1,68 @@
-// tarvikctl: the command-line tool over libTarvik.
+// tarvikctl: the command-line tool over libTarvik's C interface.
+#include <signal.h>
+
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli.h"
-#include "library_output.h"
-#include "session.h"
+#include "library_log.h"
+#include "result_names.h"
 #include "simulate.h"
 #include "value_parse.h"
 
 namespace tarvikctl {
 namespace {
 
-int Run(const Invocation& inv) {
-    const GlobalOptions& g = inv.global;
-    const LogDestination destination = g.quiet             ? LogDestination::kNowhere
-                                       : g.logFile.empty() ? LogDestination::kStderr
-                                                           : LogDestination::kFile;
-    std::unique_ptr<LibraryOutput> output;
+// Runs the command; the camera is released before an error is told, so that the
+// message comes after the library's last line.
+std::optional<ToolError> RunCommand(const Invocation& inv, Reply& reply, int& status) {
+    Session session(inv.global, reply);
     try {
-        output = std::make_unique<LibraryOutput>(destination, g.logFile);
-    } catch (const std::exception& e) {
-        std::fprintf(stderr, "tarvikctl: %s\n", e.what());
-        return kExitUsage;
+        status = inv.run(session);
+        return std::nullopt;
+    } catch (const ValueError& e) {
+        return ToolError(kExitUsage, TARVIK_E_INVALID_ARGUMENT, e.what());
+    } catch (const ToolError& e) {
+        return e;
+    } catch (const OutputClosed&) {
+        status = kExitFailed;  // nobody is left to tell
+        return std::nullopt;
+    } catch (const std::bad_alloc&) {
+        return ToolError(kExitFailed, TARVIK_E_NO_MEMORY, "out of memory");
     }
-    // The camera is released before the error is told, so the message is the last line.
-    std::string error;
-    int status = kExitFailed;
-    {
-        Session session(g, *output);
-        try {
-            return inv.run(session);
-        } catch (const ValueError& e) {
-            error = e.what();
-            status = kExitUsage;
-        } catch (const ToolError& e) {
-            error = e.what();
-            status = e.Code();
-        } catch (const std::exception& e) {
-            error = std::string("error: ") + e.what();
-        }
+}
+
+int Run(const Invocation& inv) {
+    Reply reply(inv.global.json);
+    try {
+        // A closed output must show as a write error, not end the tool while it holds
+        // the camera.
+        ::signal(SIGPIPE, SIG_IGN);
+        const LibraryLog log(inv.global.verbose && !inv.global.quiet, inv.global.logFile);
+        int status = kExitOk;
+        const std::optional<ToolError> error = RunCommand(inv, reply, status);
+        if (!error) return status;
+        reply.Fail(*error);
+        return error->Exit();
+    } catch (const ToolError& e) {
+        reply.Fail(e);
+        return e.Exit();
     }
-    Say(*output, error);
-    return status;
+}
+
+int UsageError(const Invocation& inv) {
+    Reply(inv.jsonAsked).Fail(ToolError(kExitUsage, TARVIK_E_INVALID_ARGUMENT, inv.usageError));
+    if (!inv.jsonAsked) std::fputs("Run 'tarvikctl --help' for more information.\n", stderr);
+    return kExitUsage;
 }
 
 int Main(int argc, char** argv) {
-    // Unbuffered, so that the library's lines and libusb's keep their order in the log.
-    std::setvbuf(stdout, nullptr, _IONBF, 0);
     const Invocation inv = ParseCommandLine(argc, argv);
     if (inv.exitNow >= 0) return inv.exitNow;
+    if (!inv.usageError.empty()) return UsageError(inv);
     if (inv.global.simulate) {
         const std::vector<std::string> args(argv + 1, argv + argc);
         std::fprintf(stderr, "tarvikctl: --simulate: %s\n", RunUnderSimulator(args).c_str());

@@ -1,86 +1,55 @@
-// One run of the tool: the global options, the camera (opened on first use), the
-// library's output, and how results and errors leave the tool.
+// One run of the tool: the global options, the camera (opened on first use, so that
+// values are checked before anything is sent) and the reply.
 #pragma once
 
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <stdexcept>
+#include <tarvik.h>
+
 #include <string>
-#include <utility>
 
-#include "library_output.h"
-#include "result_codes.h"
-
-class TarvikImpl;
+#include "reply.h"
 
 namespace tarvikctl {
 
-using Json = nlohmann::ordered_json;
-
-enum ExitCode {
-    kExitOk = 0,
-    kExitFailed = 1,    // the camera or the library reported a failure
-    kExitUsage = 2,     // bad arguments or values: nothing was sent
-    kExitNoCamera = 3,  // no camera found, or it could not be opened
+// Which camera, and the path to it.
+struct Selection {
+    int bus = -1;  // with address; -1: any
+    int address = -1;
+    std::string serial;
+    std::string video;               // a capture node: the kernel path
+    std::string transport = "auto";  // usb, kernel or auto
 };
 
 struct GlobalOptions {
-    int bus = -1;
-    int address = -1;
+    Selection camera;
     bool json = false;
-    bool quiet = false;
+    bool verbose = false;
+    bool quiet = false;  // the default; kept so that older scripts still run
     std::string logFile;
     bool simulate = false;
 };
 
-// An error that ends the command: message for standard error, and the exit status.
-class ToolError : public std::runtime_error {
-public:
-    ToolError(ExitCode code, const std::string& message)
-        : std::runtime_error(message), m_code(code) {}
-    ExitCode Code() const { return m_code; }
-
-private:
-    ExitCode m_code;
-};
-
-// A non-zero library result as an error: "<what> failed: result 11 (camera not open)".
-ToolError ResultError(const std::string& what, int hr,
-                      ResultOrigin origin = ResultOrigin::kTransfer);
-
 class Session {
 public:
-    Session(GlobalOptions options, LibraryOutput& output);
-    ~Session();
+    Session(const GlobalOptions& options, Reply& reply) : m_options(options), m_reply(reply) {}
+    ~Session() { Close(); }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
     const GlobalOptions& Options() const { return m_options; }
-    LibraryOutput& Output() { return m_output; }
+    Reply& Out() { return m_reply; }
 
-    // Runs `call` on the camera with the library's output captured. Opens the camera
-    // first if needed; throws ToolError(kExitNoCamera) when it can't.
-    template <class Call>
-    auto WithCamera(Call&& call) {
-        TarvikImpl& camera = Camera();
-        LibrarySection section(m_output);
-        return std::forward<Call>(call)(camera);
-    }
-
-    // Prints a result on standard output: the JSON (with --json), or the text as it is.
-    void Emit(const Json& json, const std::string& text);
-    // A message of the tool's own on standard error.
-    void Note(const std::string& message);
+    // The camera, opened on first use. Throws ToolError (no camera) saying why not.
+    tarvik_camera* Camera();
+    // Releases the camera (the kernel's video driver gets it back on the USB path).
+    void Close();
 
 private:
-    TarvikImpl& Camera();
-
-    GlobalOptions m_options;
-    LibraryOutput& m_output;
-    TarvikImpl* m_camera = nullptr;
+    const GlobalOptions& m_options;
+    Reply& m_reply;
+    tarvik_camera* m_camera = nullptr;
 };
 
-// A message of the tool's own on standard error, on a line of its own.
-void Say(LibraryOutput& output, const std::string& message);
+// A failed call as the command's error: "<what> failed: result -7: ...".
+void Check(int result, const std::string& what);
 
 }  // namespace tarvikctl

@@ -22,33 +22,19 @@ std::string Printable(const uint8_t* bytes, size_t count) {
     return out;
 }
 
-namespace {
-
-void AppendUtf8(std::string& out, uint32_t c) {
-    if (c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) c = 0xFFFD;
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-}
-
-}  // namespace
-
-std::string WideToUtf8(const wchar_t* text, size_t capacity) {
+std::string Base64(const uint8_t* bytes, size_t count) {
+    static constexpr char kDigits[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
-    for (size_t i = 0; i < capacity && text[i] != L'\0'; ++i) {
-        AppendUtf8(out, static_cast<uint32_t>(text[i]));
+    out.reserve((count + 2) / 3 * 4);
+    for (size_t i = 0; i < count; i += 3) {
+        const size_t n = count - i < 3 ? count - i : 3;
+        uint32_t group = static_cast<uint32_t>(bytes[i]) << 16;
+        if (n > 1) group |= static_cast<uint32_t>(bytes[i + 1]) << 8;
+        if (n > 2) group |= bytes[i + 2];
+        for (size_t k = 0; k < 4; ++k) {
+            out += k <= n ? kDigits[(group >> (18 - 6 * k)) & 0x3F] : '=';
+        }
     }
     return out;
 }

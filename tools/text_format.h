@@ -1,4 +1,4 @@
-// Pure formatting of what the camera answers: hex, printable text, UTF-8.
+// Pure formatting of what the camera answers: hex, printable text, base64.
 #pragma once
 
 #include <cstddef>
@@ -14,9 +14,7 @@ std::string Hex(const uint8_t* bytes, size_t count);
 // show as '.'. The hex form is the lossless one.
 std::string Printable(const uint8_t* bytes, size_t count);
 
-// A zero-terminated wide string of at most `capacity` characters as UTF-8,
-// independent of the process locale. A value that is no Unicode scalar
-// (a surrogate, or above 0x10FFFF) becomes U+FFFD.
-std::string WideToUtf8(const wchar_t* text, size_t capacity);
+// Base64 (RFC 4648, with padding), for binary blocks in JSON.
+std::string Base64(const uint8_t* bytes, size_t count);
 
 }  // namespace tarvikctl

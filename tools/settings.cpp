@@ -1,0 +1,96 @@
+#include "settings.h"
+
+#include "value_parse.h"
+
+namespace tarvikctl {
+
+namespace {
+
+using V = SettingValue;
+
+const std::vector<Setting> kSettings = {
+    {"roi", "The region of interest: four 32-bit values", SettingKind::kFields, 4, "V1 V2 V3 V4",
+     [](tarvik_camera* c, V& v) { return tarvik_read_roi(c, v.fields.data()); },
+     [](tarvik_camera* c, const V& v) { return tarvik_write_roi(c, v.fields.data()); }},
+    {"mjpeg-qp", "The MJPEG quantisation: four 32-bit values", SettingKind::kFields, 4,
+     "V1 V2 V3 V4", [](tarvik_camera* c, V& v) { return tarvik_read_mjpeg_qp(c, v.fields.data()); },
+     [](tarvik_camera* c, const V& v) { return tarvik_write_mjpeg_qp(c, v.fields.data()); }},
+    {"device-id", "The device id: 20 bytes", SettingKind::kDeviceText, 0, "TEXT",
+     [](tarvik_camera* c, V& v) { return tarvik_read_device_id(c, v.bytes.data()); },
+     [](tarvik_camera* c, const V& v) { return tarvik_write_device_id(c, v.bytes.data()); }},
+    {"device-sn", "The device's serial number: 20 bytes", SettingKind::kDeviceText, 0, "TEXT",
+     [](tarvik_camera* c, V& v) { return tarvik_read_device_sn(c, v.bytes.data()); },
+     [](tarvik_camera* c, const V& v) { return tarvik_write_device_sn(c, v.bytes.data()); }},
+    {"gpio", "The two GPIO values (written only)", SettingKind::kFields, 2, "V1 V2", nullptr,
+     [](tarvik_camera* c, const V& v) { return tarvik_write_gpio(c, v.fields[0], v.fields[1]); }},
+    {"vcm", "The lens motor: a 16-bit value, chosen by --mode", SettingKind::kLensMotor, 0, "VALUE",
+     [](tarvik_camera* c, V& v) { return tarvik_read_vcm(c, v.mode, &v.motor); },
+     [](tarvik_camera* c, const V& v) {
+         return tarvik_write_vcm(c, v.mode, v.motor, v.ctrl0, v.ctrl1);
+     }},
+};
+
+uint8_t Byte(const std::string& text, const std::string& what) {
+    return static_cast<uint8_t>(ParseInteger(text, what, 0, 255));
+}
+
+std::string OneValue(const Setting& s, const SettingOptions& o, const char* hint) {
+    if (o.values.size() != 1) {
+        throw ValueError(std::string(s.name) + " takes one value" + hint + ", got " +
+                         std::to_string(o.values.size()));
+    }
+    return o.values[0];
+}
+
+}  // namespace
+
+const std::vector<Setting>& Settings() { return kSettings; }
+
+const char* ValueHelp(SettingKind kind) {
+    switch (kind) {
+        case SettingKind::kFields:
+            return "32-bit values, decimal or 0x.. hex";
+        case SettingKind::kDeviceText:
+            return "Printable ASCII, at most 20 characters, zero-padded (with --hex: 40 hex "
+                   "digits)";
+        case SettingKind::kLensMotor:
+            break;
+    }
+    return "0-65535";
+}
+
+std::string SettingNames(bool writable) {
+    std::string out;
+    for (const Setting& s : kSettings) {
+        if (writable ? s.write != nullptr : s.read != nullptr) {
+            out += (out.empty() ? "" : ", ") + std::string(s.name);
+        }
+    }
+    return out;
+}
+
+int ParseMode(const SettingOptions& o) { return Byte(o.mode, "--mode"); }
+
+SettingValue ParseSetting(const Setting& s, const SettingOptions& o) {
+    SettingValue v;
+    switch (s.kind) {
+        case SettingKind::kFields: {
+            const std::vector<int32_t> fields = ParseFields32(o.values, s.fields, s.name);
+            std::copy(fields.begin(), fields.end(), v.fields.begin());
+            break;
+        }
+        case SettingKind::kDeviceText:
+            v.bytes = ParseDeviceText(OneValue(s, o, " (quote text with spaces)"), o.hex, s.name);
+            break;
+        case SettingKind::kLensMotor:
+            v.motor = static_cast<uint16_t>(
+                ParseInteger(OneValue(s, o, ""), std::string(s.name) + " value", 0, 65535));
+            v.mode = ParseMode(o);
+            v.ctrl0 = Byte(o.ctrl0, "--ctrl0");
+            v.ctrl1 = Byte(o.ctrl1, "--ctrl1");
+            break;
+    }
+    return v;
+}
+
+}  // namespace tarvikctl
