@@ -180,6 +180,28 @@ void tarvik_close(tarvik_camera* camera) {
     delete camera;
 }
 
+int tarvik_describe(tarvik_camera* camera, tarvik_camera_info* info, tarvik_transport* transport) {
+    return on_camera(camera, info != nullptr && transport != nullptr, [&](TarvikImpl& t) {
+        const tarvik::TarvikPrivate& p = t.Private();
+        *info = tarvik_camera_info{};
+        info->bus = p.bus;
+        info->address = p.address;
+        *transport = p.videoNode.empty() ? TARVIK_TRANSPORT_USB : TARVIK_TRANSPORT_KERNEL;
+        for (const tarvik::UsbCamera& c : tarvik::find_cameras()) {
+            if (c.bus != p.bus || c.address != p.address) continue;
+            copy_text(c.serial, info->serial);
+            copy_text(p.videoNode.empty() ? tarvik::capture_node(c) : p.videoNode,
+                      info->video_node);
+        }
+        return HRESULT{0};
+    });
+}
+
+int tarvik_read_product_type(tarvik_camera* camera, int* type) {
+    return on_camera(camera, type != nullptr,
+                     [&](TarvikImpl& t) { return t.zq_ReadProductType(type); });
+}
+
 int tarvik_read_version(tarvik_camera* camera, uint8_t version[56]) {
     return on_camera(camera, version != nullptr, [&](TarvikImpl& t) {
         _VERSION_PARAM p{};
@@ -301,6 +323,9 @@ int tarvik_read_gyro(tarvik_camera* camera, int32_t* pitch, int32_t* roll) {
     });
 }
 
+static_assert(sizeof(tarvik_data_block) == sizeof(uvc_extDataBlock) &&
+                  offsetof(tarvik_data_block, data) == offsetof(uvc_extDataBlock, data),
+              "the C record is the library's data block");
 static_assert(sizeof(tarvik_exposure) == sizeof(_DUAL_ET_PARAM) &&
                   offsetof(tarvik_exposure, right) == offsetof(_DUAL_ET_PARAM, right) &&
                   offsetof(tarvik_eye_exposure, flags) == offsetof(_ET_PARAM, flags),
@@ -366,7 +391,8 @@ int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags) {
         tarvik::sam::CardCodes codes;
         _SAM_IN_PARAM in{
             static_cast<unsigned char>(third ? SAM_CMD_READ_CARD_THIRD : SAM_CMD_READ_CARD)};
-        const HRESULT hr = tarvik::sam::read_card(t, &in, out.get(), &codes);
+        HRESULT hr = tarvik::sam::read_card(t, &in, out.get(), &codes);
+        if (hr != 0) hr = tarvik::sam::read_card_again(t, &in, out.get(), &codes);
         card->sam_result = out->result;
         utf8_of(out->name, card->name, sizeof card->name);
         utf8_of(out->sex, card->sex, sizeof card->sex);

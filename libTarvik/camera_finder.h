@@ -14,7 +14,7 @@ struct UsbCamera {
     int bus = 0;
     int address = 0;
     std::string name;  // its sysfs name, e.g. "1-2": the camera's port, the same for every process
-    std::string path;    // its sysfs directory
+    std::string path;  // its sysfs directory
     std::string serial;  // its USB serial number, empty when it shows none
 };
 

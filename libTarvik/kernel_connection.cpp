@@ -108,6 +108,8 @@ void release_video_node(TarvikImpl& impl) {
 }
 
 void open_camera_lock(TarvikImpl& impl, int bus, int address) {
+    impl.Private().bus = bus;
+    impl.Private().address = address;
     const std::optional<UsbCamera> camera = find_camera(bus, address);
     std::string why = "the camera is not in sysfs";
     if (camera && impl.Private().cameraLock.Open(camera->name, why)) return;

@@ -192,6 +192,14 @@ HRESULT read_card(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out
     return r;
 }
 
+HRESULT read_card_again(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out,
+                        CardCodes* codes) {
+    t_cardCodes = codes;
+    const HRESULT r = impl.RetryReadByExtCmd(EXT_ITEM_SAM, const_cast<_SAM_IN_PARAM*>(in), out);
+    t_cardCodes = nullptr;
+    return r;
+}
+
 void wipe(_SAM_OUT_PARAM& out) { wipe(&out, sizeof out); }
 
 }  // namespace tarvik::sam

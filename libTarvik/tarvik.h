@@ -30,7 +30,8 @@ extern "C" {
 #endif
 
 /* The library's own conditions, apart from libusb's codes. */
-#define TARVIK_E_INVALID_ARGUMENT (-1001) /* a null pointer, a bad size or a command that is none */
+#define TARVIK_E_INVALID_ARGUMENT (-1001) /* a null pointer, a bad size or a command that is none \
+                                           */
 #define TARVIK_E_NOT_OPEN (-1002)         /* the camera is not open */
 #define TARVIK_E_SHORT_TRANSFER (-1003)   /* the camera moved fewer bytes than asked */
 #define TARVIK_E_NOT_HANDLED (-1004)      /* the item is not read (or written) that way */
@@ -47,8 +48,8 @@ extern "C" {
 typedef struct tarvik_camera tarvik_camera;
 
 typedef enum {
-    TARVIK_TRANSPORT_AUTO = 0,  /* the kernel's video driver when it holds the camera, else libusb */
-    TARVIK_TRANSPORT_USB = 1,   /* libusb: the video driver is detached while the camera is open */
+    TARVIK_TRANSPORT_AUTO = 0, /* the kernel's video driver when it holds the camera, else libusb */
+    TARVIK_TRANSPORT_USB = 1,  /* libusb: the video driver is detached while the camera is open */
     TARVIK_TRANSPORT_KERNEL = 2 /* the video driver's capture node: video keeps streaming */
 } tarvik_transport;
 
@@ -64,7 +65,7 @@ typedef struct {
 TARVIK_API int tarvik_list(tarvik_camera_info* cameras, size_t capacity);
 
 typedef struct {
-    int bus;                    /* with address: this camera; -1 in either: any */
+    int bus; /* with address: this camera; -1 in either: any */
     int address;
     const char* video_node;     /* or: the camera of this capture node (kernel path) */
     const char* serial;         /* or: the camera with this USB serial number */
@@ -79,7 +80,13 @@ TARVIK_API int tarvik_open(const tarvik_open_options* options, tarvik_camera** c
 /* Closes it; null is ignored. */
 TARVIK_API void tarvik_close(tarvik_camera* camera);
 
+/* Where an open camera is (serial and node as far as known) and the path its
+ * requests take. */
+TARVIK_API int tarvik_describe(tarvik_camera* camera, tarvik_camera_info* info,
+                               tarvik_transport* transport);
+
 /* --- operations --- */
+TARVIK_API int tarvik_read_product_type(tarvik_camera* camera, int* type);
 TARVIK_API int tarvik_read_version(tarvik_camera* camera, uint8_t version[56]);
 TARVIK_API int tarvik_read_mjpeg_qp(tarvik_camera* camera, int32_t qp[4]);
 TARVIK_API int tarvik_write_mjpeg_qp(tarvik_camera* camera, const int32_t qp[4]);
@@ -118,9 +125,18 @@ typedef struct {
 TARVIK_API int tarvik_read_exposure(tarvik_camera* camera, tarvik_exposure* exposure);
 TARVIK_API int tarvik_write_exposure(tarvik_camera* camera, const tarvik_exposure* exposure);
 
-/* Any extension item, with the library's record of the item (item 10: a data
- * block record, both in and out; item 18: `input` holds the mode). `size` is
- * the room in `output` (reads) or the record's size (writes). */
+/* The record of extension item 10: a block of the camera's data, read into
+ * `data` or written from it. A length above 48 counts as 48. */
+typedef struct {
+    uint8_t target;
+    uint8_t length;
+    uint16_t offset;
+    uint8_t data[48];
+} tarvik_data_block;
+
+/* Any extension item, with the library's record of the item (item 10: a
+ * tarvik_data_block, both in and out; item 18: `input` holds the mode). `size`
+ * is the room in `output` (reads) or the record's size (writes). */
 TARVIK_API int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* output,
                                 size_t size);
 TARVIK_API int tarvik_write_item(tarvik_camera* camera, int item, const void* record, size_t size);
@@ -152,8 +168,9 @@ typedef struct {
     int has_third_block;
 } tarvik_card;
 
-/* Reads the card on the reader. TARVIK_E_SAM when the SAM answered with a
- * failure (no card, say): card->sam_result holds its code. */
+/* Reads the card on the reader; a failed exchange is tried again up to twice,
+ * as every read is. TARVIK_E_SAM when the SAM answered with a failure (no
+ * card, say): card->sam_result holds its code. */
 TARVIK_API int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags);
 
 /* Wipes the record so that no trace of the card stays in memory. */
@@ -161,6 +178,8 @@ TARVIK_API void tarvik_card_clear(tarvik_card* card);
 
 /* --- results, version, log --- */
 TARVIK_API const char* tarvik_strerror(int result);
+/* The code's name ("LIBUSB_ERROR_ACCESS", "TARVIK_E_SAM", "SUCCESS"), "UNKNOWN" for none. */
+TARVIK_API const char* tarvik_result_name(int result);
 TARVIK_API const char* tarvik_version(void);
 
 /* Each log line of the library (without its leading carriage return and its

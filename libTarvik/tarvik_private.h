@@ -21,6 +21,9 @@ public:
     std::string videoNode;
     // The USB path: interface 0 claimed after the kernel driver was detached.
     bool interfaceClaimed = false;
+    // Where the camera sits, once open.
+    int bus = 0;
+    int address = 0;
     CameraLock cameraLock;
 };
 

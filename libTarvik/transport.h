@@ -25,8 +25,7 @@ public:
 // Control transfers through libusb on an open device handle (not owned), in
 // its libusb `context`; null for an application's handle, whose context the
 // library doesn't know.
-std::unique_ptr<Transport> MakeUsbTransport(libusb_device_handle* handle,
-                                            libusb_context* context);
+std::unique_ptr<Transport> MakeUsbTransport(libusb_device_handle* handle, libusb_context* context);
 
 // UVCIOC_CTRL_QUERY on an open capture node, which it owns from then on.
 std::unique_ptr<Transport> MakeKernelTransport(int fd);

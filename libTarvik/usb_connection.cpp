@@ -58,6 +58,13 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
         return -1;
     }
     libusb_set_option(m_pContext, LIBUSB_OPTION_LOG_LEVEL, kLibusbLogLevelInfo);
+    // libusb's own messages take the library's way too (standard error by default).
+    libusb_set_log_cb(
+        m_pContext,
+        [](libusb_context*, enum libusb_log_level, const char* line) {
+            tarvik::LogPlain(tarvik::Stream::kErr, "%s", line);
+        },
+        LIBUSB_LOG_CB_CONTEXT);
 
     TLOG("libTarvik: libusb_get_device_list...\n");
     libusb_device** list = nullptr;
