@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "commands.h"
+#include "completion.h"
 
 namespace tarvikctl {
 
@@ -205,6 +206,7 @@ Invocation ParseCommandLine(int argc, char** argv) {
     app.add_flag("--simulate", g.simulate,
                  "Run under tarvik-sim with the default simulated camera");
     AddCommands(app, storage, inv);
+    AddBashCompletionOption(app);
 
     try {
         app.parse(argc, argv);
