@@ -11,6 +11,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
   valgrind
+  debhelper dpkg-dev lintian help2man man-db groff-base
 )
 
 missing=()
