@@ -8,8 +8,13 @@
 set(TARVIK_MANPAGES AUTO CACHE STRING "Make man pages with help2man: AUTO, ON or OFF")
 set_property(CACHE TARVIK_MANPAGES PROPERTY STRINGS AUTO ON OFF)
 
+# tools/completion.cpp belongs to tarvikctl (added here unless tools/ lists it).
 if(TARGET tarvikctl)
-  target_sources(tarvikctl PRIVATE ${PROJECT_SOURCE_DIR}/tools/completion.cpp)
+  get_target_property(_tarvikctl_sources tarvikctl SOURCES)
+  list(FILTER _tarvikctl_sources INCLUDE REGEX "(^|/)completion\\.cpp$")
+  if(NOT _tarvikctl_sources)
+    target_sources(tarvikctl PRIVATE ${PROJECT_SOURCE_DIR}/tools/completion.cpp)
+  endif()
 endif()
 
 set(_tarvik_docs_dir ${PROJECT_BINARY_DIR}/docs)
