@@ -28,8 +28,31 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/TarvikConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/TarvikConfig.cmake ${PROJECT_BINARY_DIR}/TarvikConfigVersion.cmake
   DESTINATION ${_tarvik_cmake_dir} COMPONENT devel)
 
-# udev rules live under lib/udev/rules.d of the prefix (/usr/lib/udev/rules.d for /usr).
-set(TARVIK_UDEV_RULES_DIR "lib/udev/rules.d" CACHE STRING "Where the udev rule is installed")
+# The tools find the library relative to themselves ($ORIGIN/../lib), so that
+# they run from any prefix without LD_LIBRARY_PATH. None where the library sits
+# in a directory the linker searches anyway (/usr/lib/<multiarch>: Debian's
+# packages carry no RPATH), and none on the library itself.
+option(TARVIK_INSTALL_RPATH "Give the installed tools an RPATH relative to themselves" ON)
+list(FIND CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES "${CMAKE_INSTALL_FULL_LIBDIR}" _tarvik_libdir_implicit)
+if(TARVIK_INSTALL_RPATH AND _tarvik_libdir_implicit EQUAL -1)
+  file(RELATIVE_PATH _tarvik_bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  foreach(_tool tarvikctl tarvik-sim)
+    if(TARGET ${_tool})
+      set_target_properties(${_tool} PROPERTIES INSTALL_RPATH "$ORIGIN/${_tarvik_bin_to_lib}")
+    endif()
+  endforeach()
+endif()
+
+# The udev rule goes where udev reads it for the prefix: <prefix>/lib/udev/rules.d
+# is /usr/lib/udev/rules.d for /usr and /usr/local/lib/udev/rules.d for
+# /usr/local (Debian 12's systemd-udevd reads both). Under any other prefix udev
+# reads none: the rule is still installed there, and the install says where it
+# is and that it must be copied to /etc/udev/rules.d (cmake/UdevRuleNote.cmake).
+# TARVIK_UDEV_RULES_DIR (absolute, or relative to the prefix) puts it elsewhere.
+set(TARVIK_UDEV_RULES_DIR "lib/udev/rules.d" CACHE STRING
+  "Where the udev rule is installed (absolute, or relative to the prefix)")
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/70-tarvik.rules
   DESTINATION ${TARVIK_UDEV_RULES_DIR}
   PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ COMPONENT runtime)
+install(CODE "set(TARVIK_UDEV_RULES_DIR [[${TARVIK_UDEV_RULES_DIR}]])" COMPONENT runtime)
+install(SCRIPT ${PROJECT_SOURCE_DIR}/cmake/UdevRuleNote.cmake COMPONENT runtime)

@@ -16,6 +16,7 @@
 #include "tarvik.h"
 #include "tarvik_log.h"
 #include "tarvik_private.h"
+#include "tarvik_version.h"
 
 struct tarvik_camera {
     TarvikImpl* impl;

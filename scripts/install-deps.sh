@@ -12,6 +12,7 @@ packages=(
   clang libclang-rt-14-dev
   valgrind
   usbutils
+  debhelper dpkg-dev lintian help2man man-db groff-base
 )
 
 missing=()

@@ -1,8 +1,11 @@
 #!/usr/bin/env bash
 # The test command: installs what is missing, then configures, builds and runs
 # the whole suite in the normal build, under ASan+UBSan and under TSan.
-#   scripts/test.sh            all three, then a short run of every fuzzer
-#   scripts/test.sh debug      one preset (debug, asan, tsan, release)
+#   scripts/test.sh            all three, then the Debian packages
+#                              (scripts/check-packages.sh), then a short run of
+#                              every fuzzer
+#   scripts/test.sh debug      one preset (debug, asan, tsan, release), or
+#                              "packages" for the package check alone
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -23,6 +26,10 @@ fi
 
 for preset in "${presets[@]}"; do
   echo "=== ${preset} ==="
+  if [ "${preset}" = packages ]; then
+    scripts/check-packages.sh
+    continue
+  fi
   cmake --preset "${preset}"
   cmake --build --preset "${preset}"
   ctest --preset "${preset}"
@@ -32,6 +39,8 @@ for preset in "${presets[@]}"; do
 done
 
 if [ "${fuzz}" = yes ]; then
+  echo "=== packages ==="
+  scripts/check-packages.sh
   echo "=== fuzz ==="
   scripts/fuzz.sh --ci
 fi
