@@ -27,8 +27,11 @@ CameraLock::~CameraLock() { Close(); }
 
 bool CameraLock::Open(const std::string& port, std::string& why) {
     Close();
+    // TARVIK_LOCK_DIR puts the lock files elsewhere for every program that
+    // shares it (a container's shared volume, a simulated machine).
+    const char* chosen = std::getenv("TARVIK_LOCK_DIR");
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    for (const char* dir : {"/run/lock", runtime, "/tmp"}) {
+    for (const char* dir : {chosen, "/run/lock", runtime, "/tmp"}) {
         if (dir == nullptr) continue;
         // Read-only is enough to lock, and lets any user use a file another made.
         m_fd = ::open(lock_path(dir, port).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);

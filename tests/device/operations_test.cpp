@@ -2,6 +2,7 @@
 // it (answer, stall, short transfer, timeout, gone, one failure then an
 // answer) and with the transport: the frames on the wire, the lines, the
 // record and the result.
+#include <algorithm>
 #include <cstring>
 
 #include "device_fixture.h"
@@ -194,6 +195,15 @@ protected:
     }
 };
 
+// A call that took a second or more adds the slow-call line (checked with the
+// timing form); how long a call takes here is the machine's business.
+std::vector<std::string> WithoutSlowCall(std::vector<std::string> lines) {
+    lines.erase(std::remove(lines.begin(), lines.end(),
+                            "########## operator time too long, more than 1s\n"),
+                lines.end());
+    return lines;
+}
+
 TEST_P(Operations, WireLinesRecordAndResult) {
     const auto& [op, f, path] = GetParam();
     TarvikPtr t = Open(path);
@@ -207,10 +217,11 @@ TEST_P(Operations, WireLinesRecordAndResult) {
 
     const bool succeeds = f.fault == Fault::kNone || f.fault == Fault::kOnce;
     EXPECT_EQ(o.result, f.result);
+    const std::vector<std::string> lines = WithoutSlowCall(Lines(o.out));
     if (f.fault == Fault::kNone) {
-        EXPECT_TRUE(LinesAre(o.out, {Timing(op)}));
+        EXPECT_TRUE(LinesMatch(lines, {Timing(op)}));
     } else {
-        EXPECT_TRUE(LinesAre(o.out, FailureLines(op, f)));
+        EXPECT_TRUE(LinesMatch(lines, FailureLines(op, f)));
     }
     // Each attempt sends the same request; a read fetches its answer after it.
     // A camera gone away sees only the first.
