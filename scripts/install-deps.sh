@@ -11,6 +11,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
   valgrind
+  v4l-utils uvcdynctrl
 )
 
 missing=()

@@ -26,6 +26,7 @@
 #include <mutex>
 #include <vector>
 
+#include "byte_order.h"
 #include "camera_state.h"
 #include "control_transfer.h"
 #include "faults.h"
@@ -92,11 +93,5 @@ private:
     bool m_gone = false;
     uint32_t m_garbageSeed = 0x2545F491;
 };
-
-// Little helpers shared by the model and its tests.
-uint16_t GetLe16(const uint8_t* p);
-uint32_t GetLe32(const uint8_t* p);
-void PutLe16(uint8_t* p, uint16_t v);
-void PutLe32(uint8_t* p, uint32_t v);
 
 }  // namespace tarvik::sim

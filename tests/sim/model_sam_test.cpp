@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "model_host.h"
-#include "sam_packet.h"
+#include "sam_answer.h"
 
 namespace tarvik::sim {
 namespace {

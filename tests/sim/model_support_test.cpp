@@ -4,7 +4,7 @@
 #include <cmath>
 
 #include "gyro_tilt.h"
-#include "sam_packet.h"
+#include "sam_answer.h"
 
 namespace tarvik::sim {
 namespace {

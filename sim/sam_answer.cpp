@@ -1,6 +1,8 @@
-#include "sam_packet.h"
+#include "sam_answer.h"
 
 #include <algorithm>
+
+#include "byte_order.h"
 
 namespace tarvik::sim {
 
@@ -19,17 +21,13 @@ constexpr TextField kTextFields[] = {
 };
 
 void PutBigEndian16(std::vector<uint8_t>& out, uint16_t v) {
-    out.push_back(static_cast<uint8_t>(v >> 8));
-    out.push_back(static_cast<uint8_t>(v & 0xFF));
+    uint8_t bytes[2];
+    PutBe16(bytes, v);
+    out.insert(out.end(), bytes, bytes + 2);
 }
 
 void AppendBlock(std::vector<uint8_t>& out, const std::vector<uint8_t>& block) {
     for (size_t i = 0; i < kCardBlockLength; ++i) out.push_back(i < block.size() ? block[i] : 0);
-}
-
-void PutLittleEndian16(uint8_t* at, uint16_t v) {
-    at[0] = static_cast<uint8_t>(v & 0xFF);
-    at[1] = static_cast<uint8_t>(v >> 8);
 }
 
 }  // namespace
@@ -72,7 +70,7 @@ std::array<uint8_t, kCardTextLength> EncodeCardText(const IdentityCard& card) {
     for (const TextField& field : kTextFields) {
         const std::u16string units = Utf8ToUcs2(card.*field.member);
         for (size_t u = 0; u < field.units; ++u) {
-            PutLittleEndian16(&block[offset + 2 * u], u < units.size() ? units[u] : u' ');
+            PutLe16(&block[offset + 2 * u], u < units.size() ? units[u] : u' ');
         }
         offset += 2 * field.units;
     }
@@ -127,9 +125,9 @@ std::vector<Frame> SamAnswerFrames(const uint8_t header[4], int16_t echo, int16_
     do {
         Frame f{};
         std::copy(header, header + 4, f.begin());
-        PutLittleEndian16(&f[4], static_cast<uint16_t>(echo));
-        PutLittleEndian16(&f[6], frames.empty() ? static_cast<uint16_t>(samResult)
-                                                : static_cast<uint16_t>(frames.size()));
+        PutLe16(&f[4], static_cast<uint16_t>(echo));
+        PutLe16(&f[6], frames.empty() ? static_cast<uint16_t>(samResult)
+                                      : static_cast<uint16_t>(frames.size()));
         const size_t n = std::min(kSamChunk, packet.size() - sent);
         std::copy(packet.begin() + static_cast<long>(sent),
                   packet.begin() + static_cast<long>(sent + n), f.begin() + 8);
