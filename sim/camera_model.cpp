@@ -117,6 +117,11 @@ bool CameraModel::Gone() const {
     return m_gone;
 }
 
+void CameraModel::Unplug() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_gone = true;
+}
+
 void CameraModel::QueueAnswer(std::vector<Frame> frames) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_scripted.push_back(std::move(frames));

@@ -52,8 +52,10 @@ public:
     // The next `count` gyro reads answer an all-zero sample.
     void InjectZeroGyro(int count = 1);
     void ClearFaults();
-    // Whether the camera is gone for good (after a kGoneForGood fault).
+    // Whether the camera is gone for good (after a kGoneForGood fault, or Unplug).
     bool Gone() const;
+    // Gone for good from now on: every request fails with ENODEV.
+    void Unplug();
 
     // The next read request on selector 14 is answered with exactly these frames (each GET_CUR
     // returns the next one), whatever it asks. Calls queue further scripted answers.

@@ -95,7 +95,7 @@ TEST_F(Bridge, KernelDriverDetachesAndReattaches) {
 }
 
 TEST_F(Bridge, LogRecordsTheExactBytesBothWays) {
-    Camera& cam = m_bed.AddCamera(1, 2);
+    Camera& cam = m_bed.AddCamera(1, 2, false);
     ASSERT_NE(Open(1, 2), nullptr);
     std::vector<uint8_t> request(60, 0);
     request[1] = 0x10;
@@ -124,7 +124,7 @@ TEST_F(Bridge, LogRecordsTheExactBytesBothWays) {
 }
 
 TEST_F(Bridge, StateChangesShowInTheNextAnswer) {
-    Camera& cam = m_bed.AddCamera(1, 2);
+    Camera& cam = m_bed.AddCamera(1, 2, false);
     ASSERT_NE(Open(1, 2), nullptr);
     cam.Model().Update([](CameraState& s) { s.plainControls[3] = {0x55, 0x66}; });
     std::vector<uint8_t> two(2, 0);

@@ -19,7 +19,7 @@ struct FaultCase {
 class FaultAtLibusb : public ::testing::TestWithParam<FaultCase> {
 protected:
     void SetUp() override {
-        m_camera = &m_bed.AddCamera(1, 2);
+        m_camera = &m_bed.AddCamera(1, 2, false);  // usbfs lets a program in only when unbound
         ASSERT_EQ(libusb_init(&m_ctx), 0);
         m_handle = libusb_open_device_with_vid_pid(m_ctx, kCameraVendorId, kCameraProductId);
         ASSERT_NE(m_handle, nullptr);
