@@ -8,18 +8,6 @@ namespace tarvik::sim {
 
 namespace {
 
-struct TextField {
-    const std::string IdentityCard::*member;
-    size_t units;
-};
-
-constexpr TextField kTextFields[] = {
-    {&IdentityCard::name, 15},      {&IdentityCard::sex, 1},       {&IdentityCard::nation, 2},
-    {&IdentityCard::birth, 8},      {&IdentityCard::address, 35},  {&IdentityCard::idNumber, 18},
-    {&IdentityCard::authority, 15}, {&IdentityCard::validFrom, 8}, {&IdentityCard::validTo, 8},
-    {&IdentityCard::reserved, 18},
-};
-
 void PutBigEndian16(std::vector<uint8_t>& out, uint16_t v) {
     uint8_t bytes[2];
     PutBe16(bytes, v);
@@ -31,6 +19,19 @@ void AppendBlock(std::vector<uint8_t>& out, const std::vector<uint8_t>& block) {
 }
 
 }  // namespace
+
+const std::array<CardTextField, 10> kCardTextFields = {{
+    {"name", &IdentityCard::name, 15},
+    {"sex", &IdentityCard::sex, 1},
+    {"nation", &IdentityCard::nation, 2},
+    {"birth", &IdentityCard::birth, 8},
+    {"address", &IdentityCard::address, 35},
+    {"id_number", &IdentityCard::idNumber, 18},
+    {"authority", &IdentityCard::authority, 15},
+    {"valid_from", &IdentityCard::validFrom, 8},
+    {"valid_to", &IdentityCard::validTo, 8},
+    {"reserved", &IdentityCard::reserved, 18},
+}};
 
 std::u16string Utf8ToUcs2(const std::string& text) {
     std::u16string out;
@@ -67,7 +68,7 @@ std::u16string Utf8ToUcs2(const std::string& text) {
 std::array<uint8_t, kCardTextLength> EncodeCardText(const IdentityCard& card) {
     std::array<uint8_t, kCardTextLength> block{};
     size_t offset = 0;
-    for (const TextField& field : kTextFields) {
+    for (const CardTextField& field : kCardTextFields) {
         const std::u16string units = Utf8ToUcs2(card.*field.member);
         for (size_t u = 0; u < field.units; ++u) {
             PutLe16(&block[offset + 2 * u], u < units.size() ? units[u] : u' ');

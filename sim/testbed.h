@@ -87,8 +87,10 @@ public:
     const std::string& MetadataNode() const { return m_metadataNode; }
 
     // Takes the camera off the bus for good, as pulling its cable: every request through
-    // either door fails with ENODEV from now on, its sysfs entries and /dev nodes go (a
-    // program that enumerates again no longer finds it) and descriptors still open get ENODEV.
+    // either door fails with ENODEV from now on, its sysfs entries and video nodes go (a
+    // program that enumerates again no longer finds it), /dev/bus/usb/BBB/DDD refuses to open
+    // with ENODEV (through the open gate) and descriptors still open get ENODEV. No hotplug
+    // event is sent. Call it from the test's thread, not from a gone listener.
     void Unplug();
 
 private:
