@@ -21,14 +21,12 @@
 
 #define GATE_DIR "/tarvik-gate/"
 
-/* The errno the gate holds for `path`, or 0 to let the open go on. umockdev may have turned
- * "/dev/x" into "$UMOCKDEV_DIR/dev/x" already when it comes first in the preload list. */
+/* The errno the gate holds for `path`, or 0 to let the open go on. The gate must come before
+ * umockdev's preload in LD_PRELOAD: umockdev's open() goes straight to libc. */
 static int refusal(const char* path) {
     const char* root = getenv("UMOCKDEV_DIR");
-    if (path == NULL || root == NULL) return 0;
+    if (path == NULL || root == NULL || strncmp(path, "/dev/", 5) != 0) return 0;
     const size_t rootLength = strlen(root);
-    if (strncmp(path, root, rootLength) == 0) path += rootLength;
-    if (strncmp(path, "/dev/", 5) != 0) return 0;
 
     char entry[4096];
     const size_t pathLength = strlen(path + 1);
@@ -54,13 +52,13 @@ static mode_t mode_of(int flags, va_list ap) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(ap, mode_t) : 0;
 }
 
-#define GATE(path)                  \
-    do {                            \
+#define GATE(path)                    \
+    do {                              \
         const int no = refusal(path); \
-        if (no != 0) {              \
-            errno = no;             \
-            return -1;              \
-        }                           \
+        if (no != 0) {                \
+            errno = no;               \
+            return -1;                \
+        }                             \
     } while (0)
 
 int open(const char* path, int flags, ...) {

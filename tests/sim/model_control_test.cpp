@@ -42,7 +42,8 @@ TEST(Controls, WhatTheUnitDoesNotHaveStalls) {
         {"other interface", {kRequestTypeIn, kGetCur, 14 << 8, 0x0501, 60}},
         {"low byte of wValue", {kRequestTypeIn, kGetCur, (14 << 8) | 1, kUnitIndex, 60}},
         {"wrong length", {kRequestTypeIn, kGetCur, 14 << 8, kUnitIndex, 30}},
-        {"GET_MIN", {kRequestTypeIn, 0x82, 14 << 8, kUnitIndex, 60}},
+        {"unknown request", {kRequestTypeIn, 0x88, 14 << 8, kUnitIndex, 60}},
+        {"GET_MIN of the wrong length", {kRequestTypeIn, kGetMin, 14 << 8, kUnitIndex, 59}},
         {"vendor request type", {0xC1, kGetCur, 14 << 8, kUnitIndex, 60}},
         {"GET_LEN of unknown selector", {kRequestTypeIn, kGetLen, 9 << 8, kUnitIndex, 2}},
     };

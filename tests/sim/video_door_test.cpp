@@ -1,0 +1,126 @@
+// The driver's side of a simulated camera: UVCIOC_CTRL_QUERY answered by the model behind the
+// usbfs door, with the driver's checks and errors, and what usbfs claims and detaching do to it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <libusb.h>
+#include <linux/usb/video.h>
+#include <linux/uvcvideo.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <vector>
+
+#include "testbed.h"
+
+namespace tarvik::sim {
+namespace {
+
+using std::chrono::milliseconds;
+
+class VideoDoor : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_bed.SetDriverTimeout(milliseconds(200));
+        m_fd = ::open(m_cam.VideoNode().c_str(), O_RDWR);
+        ASSERT_GE(m_fd, 0);
+    }
+    void TearDown() override { ::close(m_fd); }
+    // 0 or the errno of one query; `data` null sends a null pointer.
+    int Ask(uint8_t unit, uint8_t selector, uint8_t query, uint16_t size, uint8_t* data) {
+        uvc_xu_control_query q{unit, selector, query, size, data};
+        return ::ioctl(m_fd, UVCIOC_CTRL_QUERY, &q) == 0 ? 0 : errno;
+    }
+    Testbed m_bed;
+    Camera& m_cam = m_bed.AddCamera(1, 2);
+    int m_fd = -1;
+};
+
+TEST_F(VideoDoor, TheDriversChecksAndItsOwnFirstRequests) {
+    std::vector<uint8_t> buf(64);
+    const struct {
+        uint8_t unit, selector, query;
+        uint16_t size;
+        bool null;
+        int error;
+    } cases[] = {
+        {5, 14, UVC_GET_CUR, 60, false, 0},       {5, 14, UVC_GET_CUR, 59, false, ENOBUFS},
+        {5, 14, UVC_SET_CUR, 61, false, ENOBUFS}, {5, 14, UVC_GET_LEN, 60, false, ENOBUFS},
+        {5, 14, UVC_GET_INFO, 1, false, 0},       {5, 14, 0x42, 60, false, EINVAL},
+        {5, 14, UVC_GET_CUR, 60, true, EFAULT},   {6, 14, UVC_GET_CUR, 60, false, ENOENT},
+        {5, 15, UVC_GET_CUR, 60, false, ENOENT},  {5, 1, UVC_SET_CUR, 8, false, 0},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Ask(c.unit, c.selector, c.query, c.size, c.null ? nullptr : buf.data()), c.error)
+            << int(c.unit) << ":" << int(c.selector) << " query " << int(c.query);
+    }
+    std::vector<Transfer> log = m_cam.TakeLog();
+    ASSERT_EQ(log.size(), 7u);  // GET_LEN, GET_INFO of 14 and of 1 once each, 3 asked
+    EXPECT_TRUE(log[0].byDriver && log[0].setup.bRequest == UVC_GET_LEN &&
+                log[0].door == Door::kVideo);
+    EXPECT_TRUE(log[1].byDriver && log[1].setup.bRequest == UVC_GET_INFO);
+    EXPECT_FALSE(log[2].byDriver);
+    EXPECT_EQ(log[6].setup.wValue, 0x0100);
+    EXPECT_EQ(log[6].setup.bmRequestType, 0x21);
+    const int meta = ::open(m_cam.MetadataNode().c_str(), O_RDWR);
+    uvc_xu_control_query q{5, 14, UVC_GET_LEN, 2, buf.data()};
+    EXPECT_EQ(::ioctl(meta, UVCIOC_CTRL_QUERY, &q) == 0 ? 0 : errno, ENOTTY);
+    ::close(meta);
+}
+
+TEST_F(VideoDoor, CameraFaultsAsTheDriverReportsThem) {
+    std::vector<uint8_t> len(2);
+    ASSERT_EQ(Ask(5, 14, UVC_GET_LEN, 2, len.data()), 0);  // the driver knows selector 14 now
+    const struct {
+        FaultKind kind;
+        int error;
+    } cases[] = {{FaultKind::kStall, EPIPE},
+                 {FaultKind::kDelay, ETIMEDOUT},
+                 {FaultKind::kShort, 0},
+                 {FaultKind::kGone, ENODEV}};
+    for (const auto& c : cases) {
+        Fault f{c.kind, 14, Direction::kIn};
+        f.shortBy = 10;
+        m_cam.Model().InjectFault(f);
+        std::vector<uint8_t> frame(60, 0xAA);
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(Ask(5, 14, UVC_GET_CUR, 60, frame.data()), c.error) << int(c.kind);
+        if (c.kind == FaultKind::kDelay) {
+            EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(200));
+        }
+        if (c.kind == FaultKind::kShort) {
+            EXPECT_EQ(frame, std::vector<uint8_t>(60, 0));
+        }
+    }
+}
+
+TEST_F(VideoDoor, OneUsbfsFileHoldsTheInterfaceAndDetachTakesTheNodeAway) {
+    libusb_context* ctx = nullptr;
+    ASSERT_EQ(libusb_init(&ctx), 0);
+    libusb_device_handle* first = libusb_open_device_with_vid_pid(ctx, 0x0AC8, 0x010C);
+    libusb_device_handle* second = nullptr;
+    ASSERT_EQ(libusb_open(libusb_get_device(first), &second), 0);
+    uint8_t marker[8] = {};
+    auto send = [&](libusb_device_handle* h) {
+        return libusb_control_transfer(h, 0x21, UVC_SET_CUR, 1 << 8, 0x0500, marker, 8, 1000);
+    };
+    EXPECT_EQ(send(first), LIBUSB_ERROR_IO) << "uvcvideo holds the interface";
+    ASSERT_EQ(libusb_detach_kernel_driver(first, 0), 0);
+    EXPECT_EQ(Ask(5, 1, UVC_GET_CUR, 8, marker), ENODEV);
+    EXPECT_EQ(::open(m_cam.VideoNode().c_str(), O_RDWR) < 0 ? errno : 0, ENODEV);
+    EXPECT_EQ(send(first), 8);
+    EXPECT_TRUE(m_cam.InterfaceClaimed());
+    EXPECT_EQ(send(second), LIBUSB_ERROR_IO);
+    EXPECT_EQ(libusb_claim_interface(second, 0), LIBUSB_ERROR_BUSY);
+    EXPECT_EQ(libusb_attach_kernel_driver(second, 0), LIBUSB_ERROR_BUSY);
+    libusb_close(first);
+    EXPECT_EQ(libusb_claim_interface(second, 0), 0) << "closing releases";
+    EXPECT_EQ(libusb_release_interface(second, 0), 0);
+    EXPECT_EQ(libusb_attach_kernel_driver(second, 0), 0);
+    EXPECT_EQ(Ask(5, 1, UVC_GET_CUR, 8, marker), 0);
+    libusb_close(second);
+    libusb_exit(ctx);
+}
+
+}  // namespace
+}  // namespace tarvik::sim
