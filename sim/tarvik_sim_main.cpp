@@ -112,18 +112,20 @@ void AddDevices(Testbed& bed, const LaunchOptions& o) {
     }
 }
 
-// The open() gate lives beside the launcher in the build tree, or where it was installed.
+// The open() gate lives beside the launcher in the build tree (gate/), or where it was installed
+// relative to it (../lib/tarvik/ for bin/tarvik-sim): the prefix may move.
 std::string GatePath() {
     char self[4096];
     const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-    if (n > 0) {
-        self[n] = '\0';
-        std::string dir(self);
-        dir.erase(dir.rfind('/'));
-        const std::string built = dir + "/gate/libtarvik-sim-gate.so";
-        if (::access(built.c_str(), R_OK) == 0) return built;
+    if (n <= 0) return "";
+    self[n] = '\0';
+    std::string dir(self);
+    dir.erase(dir.rfind('/'));
+    for (const char* where : {"/gate/", "/" TARVIK_SIM_GATE_FROM_BIN "/"}) {
+        const std::string path = dir + where + "libtarvik-sim-gate.so";
+        if (::access(path.c_str(), R_OK) == 0) return path;
     }
-    return ::access(TARVIK_SIM_GATE, R_OK) == 0 ? TARVIK_SIM_GATE : "";
+    return "";
 }
 
 std::vector<std::string> ChildEnvironment(const std::string& root, const std::string& gate) {
