@@ -90,6 +90,7 @@ endforeach()
 expect(STATUS 0 OUT "${VERSION_ANSWER}" COMMAND ${S} run -- sh -c "${READ_AND_SHOW}")
 expect(STATUS 0 OUT "control size of : 8\n" COMMAND ${S} run -- ${UVC} -d video0 -G 5:1)
 expect(STATUS 12 ERR "not found" COMMAND ${S} run -- ${UVC} -d video0 -G 5:15)
+expect(STATUS 12 ERR "Inappropriate ioctl" COMMAND ${S} run -- ${UVC} -d video1 -G 5:14)
 
 # --fault, seen through the video door: a stall is EPIPE; garbage only for the item named.
 expect(STATUS 12 OUT "unexpected error 32" COMMAND ${S} run --fault stall -- ${UVC} -d video0 -G 5:14)
@@ -97,7 +98,7 @@ expect(STATUS 0 NOT_OUT "${VERSION_ANSWER}" COMMAND ${S} run --fault garbage:5 -
 expect(STATUS 0 OUT "${VERSION_ANSWER}" COMMAND ${S} run --fault stall:6 -- sh -c "${READ_AND_SHOW}")
 
 # Gone for good: nodes refuse with ENODEV at once, sysfs loses the camera soon after.
-expect(STATUS 0 ERR "/dev/bus/usb/001/002: No such device\n.*/dev/video0: No such device"
+expect(STATUS 0 ERR "System code: 19.*/dev/bus/usb/001/002: No such device\n.*/dev/video0: No such device"
   COMMAND ${S} run --unplug-after-transfers 2 -- sh -c
   "${UVC} -d video0 -G 5:14 || true && ! cat /dev/bus/usb/001/002 && ! cat /dev/video0 && ${UNTIL_GONE}")
 expect(STATUS 0 COMMAND ${S} run --unplug-after 0.2 -- sh -c "${UNTIL_GONE}")
