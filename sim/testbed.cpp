@@ -62,6 +62,8 @@ Camera::Camera(int bus, int address, std::string serial, std::shared_ptr<CameraM
       m_model(std::move(model)),
       m_port(std::move(port)) {}
 
+Camera::~Camera() { std::lock_guard<std::mutex> settled(m_refreshing); }
+
 std::vector<Transfer> Camera::Log() const { return m_port->Log(); }
 std::vector<Transfer> Camera::TakeLog() { return m_port->TakeLog(); }
 void Camera::ClearLog() { m_port->ClearLog(); }
@@ -71,6 +73,7 @@ bool Camera::InterfaceClaimed() const { return m_node->InterfaceClaimed(); }
 // Makes the files a program looks at follow the camera's state: the gate of each node and
 // uvcvideo's `driver` link. Runs on whichever thread changed the state.
 void Camera::Refresh() {
+    std::lock_guard<std::mutex> lock(m_refreshing);
     const bool gone = m_port->Gone();
     const bool bound = m_port->DriverBound();
     const int usb = gone ? ENODEV : m_denyAccess ? EACCES : 0;

@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,7 @@ struct CameraOptions {
 // One simulated camera (0x0AC8:0x010C) on the bus.
 class Camera {
 public:
+    ~Camera();
     int Bus() const { return m_bus; }
     int Address() const { return m_address; }
     const std::string& Serial() const { return m_serial; }
@@ -111,6 +113,10 @@ private:
     std::string m_root;
     bool m_unplugged = false;
     std::atomic<bool> m_goneTold{false};
+    // Held by Refresh, which may run on umockdev's worker thread: the destructor takes it too,
+    // so that a refresh there is over before the members go (umockdev's thread join is not
+    // visible to the thread sanitizer).
+    std::mutex m_refreshing;
     std::function<void(Camera&)> m_onGone;
     void Refresh();
 };
