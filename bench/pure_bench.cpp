@@ -15,7 +15,7 @@
 #include "text_convert.h"
 
 // The simulated camera's SAM encoder: an independent source of real answers.
-#include "../sim/sam_packet.h"
+#include "../sim/sam_answer.h"
 
 namespace {
 

@@ -98,6 +98,9 @@ cmake -S examples -B "$work/cmake-build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" 
 cmake --build "$work/cmake-build" >/dev/null
 
 sim=$prefix/bin/tarvik-sim
+# The simulator's open() gate is found from the installed launcher: a node can refuse access.
+test -f "$prefix/lib/tarvik/libtarvik-sim-gate.so"
+"$sim" run --deny-access -- sh -c '! cat /dev/bus/usb/001/002 2>/dev/null'
 for exe in "$work/read_card_pc" "$work/cmake-build/read_card"; do
   out=$(LD_LIBRARY_PATH=$prefix/lib "$sim" run -- "$exe" 2>&1 >/dev/null)
   echo "$out" | grep -q '^name: 张三$' || { echo "example failed: $out" >&2; exit 1; }

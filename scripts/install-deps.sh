@@ -11,7 +11,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
   valgrind
-  usbutils
+  usbutils v4l-utils uvcdynctrl
   debhelper dpkg-dev lintian help2man man-db groff-base
 )
 

@@ -2,22 +2,10 @@
 
 #include <algorithm>
 
-#include "sam_packet.h"
+#include "byte_order.h"
+#include "sam_answer.h"
 
 namespace tarvik::sim {
-
-uint16_t GetLe16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
-uint32_t GetLe32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
-           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
-void PutLe16(uint8_t* p, uint16_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-}
-void PutLe32(uint8_t* p, uint32_t v) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(v >> (8 * i));
-}
 
 const char* ToString(TransferStatus status) {
     switch (status) {
@@ -61,7 +49,25 @@ void GetWords(const uint8_t* at, std::array<uint32_t, N>& words) {
     for (size_t i = 0; i < N; ++i) words[i] = GetLe32(at + 4 * i);
 }
 
-bool Matches(const Fault& f, const SetupPacket& s) {
+// What a control reports for its range: a UVC tool asks before it reads or writes one.
+std::vector<uint8_t> RangeValue(uint8_t request, size_t length) {
+    std::vector<uint8_t> value(length, request == kGetMax ? 0xFF : 0x00);
+    if (request == kGetRes) value[0] = 1;
+    return value;
+}
+
+// Whether a transfer belongs to the read transaction of `item` (see Fault::item).
+bool OfItem(int item, const SetupPacket& s, const std::vector<uint8_t>& out, uint32_t answering) {
+    if (s.selector() != kSelectorChannel) return false;
+    if (s.bRequest == kGetCur) return answering == static_cast<uint32_t>(item);
+    const bool readRequest =
+        s.bRequest == kSetCur && out.size() == kFrameLength && (GetLe16(out.data()) & 0x0FFF) == 0;
+    return readRequest && GetLe32(out.data() + 4) == static_cast<uint32_t>(item);
+}
+
+bool Matches(const Fault& f, const SetupPacket& s, const std::vector<uint8_t>& out,
+             uint32_t answering) {
+    if (f.item != kAnyItem && !OfItem(f.item, s, out, answering)) return false;
     if (f.selector != kAnySelector && f.selector != s.selector()) return false;
     if (f.request != kAnyRequest && f.request != s.bRequest) return false;
     if (f.direction == Direction::kIn && !s.isIn()) return false;
@@ -129,14 +135,20 @@ bool CameraModel::Gone() const {
     return m_gone;
 }
 
+void CameraModel::Unplug() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_gone = true;
+}
+
 void CameraModel::QueueAnswer(std::vector<Frame> frames) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_scripted.push_back(std::move(frames));
 }
 
-bool CameraModel::MatchFault(const SetupPacket& setup, Fault& hit) {
+bool CameraModel::MatchFault(const SetupPacket& setup, const std::vector<uint8_t>& out,
+                             Fault& hit) {
     for (auto it = m_faults.begin(); it != m_faults.end(); ++it) {
-        if (!Matches(it->fault, setup)) continue;
+        if (!Matches(it->fault, setup, out, m_answering)) continue;
         if (it->skipLeft > 0) {
             --it->skipLeft;
             continue;
@@ -168,7 +180,7 @@ Reply CameraModel::Handle(const SetupPacket& setup, const std::vector<uint8_t>& 
         return r;
     }
     Fault fault;
-    if (!MatchFault(setup, fault)) return HandleLocked(setup, out);
+    if (!MatchFault(setup, out, fault)) return HandleLocked(setup, out);
 
     Reply r;
     switch (fault.kind) {
@@ -226,6 +238,12 @@ Reply CameraModel::HandleLocked(const SetupPacket& setup, const std::vector<uint
         }
         case kGetInfo:
             return setup.wLength >= 1 ? DataReply({0x03}) : Stall();
+        case kGetMin:
+        case kGetMax:
+        case kGetRes:
+        case kGetDef:
+            return setup.wLength == length ? DataReply(RangeValue(setup.bRequest, length))
+                                           : Stall();
         case kGetCur:
             if (!setup.isIn() || setup.wLength != length) return Stall();
             if (selector == kSelectorChannel) return HandleChannelGet();
@@ -272,6 +290,7 @@ Reply CameraModel::HandleChannelGet() {
 void CameraModel::HandleChannelSet(const Frame& frame) {
     const uint16_t item = GetLe16(frame.data()) & 0x0FFF;
     m_pending = PendingAnswer{};
+    m_answering = item == 0 ? GetLe32(frame.data() + 4) : 0;
     if (item != 0) {
         HandleWrite(item, frame);
         return;

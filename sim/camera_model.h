@@ -3,7 +3,9 @@
 // control transfer (setup packet and OUT data) and returns its reply to the host.
 //
 // Unit 5 on interface 0 (wIndex 0x0500) answers GET_CUR (0x81), SET_CUR (0x01), GET_LEN (0x85,
-// two bytes little-endian) and GET_INFO (0x86) on these selectors:
+// two bytes little-endian), GET_INFO (0x86: get and set supported) and, as every UVC control
+// does, the range requests GET_MIN (0x82, zeros), GET_MAX (0x83, all bits set), GET_RES
+// (0x84, 1) and GET_DEF (0x87, zeros) on these selectors:
 //   1   8 bytes   the marker; SET_CUR stores it (and counts), GET_CUR returns the last one
 //   2   4 bytes   plain control
 //   3   2 bytes   plain control, shorter than a 32-bit value
@@ -26,6 +28,7 @@
 #include <mutex>
 #include <vector>
 
+#include "byte_order.h"
 #include "camera_state.h"
 #include "control_transfer.h"
 #include "faults.h"
@@ -51,8 +54,10 @@ public:
     // The next `count` gyro reads answer an all-zero sample.
     void InjectZeroGyro(int count = 1);
     void ClearFaults();
-    // Whether the camera is gone for good (after a kGoneForGood fault).
+    // Whether the camera is gone for good (after a kGoneForGood fault, or Unplug).
     bool Gone() const;
+    // Gone for good from now on: every request fails with ENODEV.
+    void Unplug();
 
     // The next read request on selector 14 is answered with exactly these frames (each GET_CUR
     // returns the next one), whatever it asks. Calls queue further scripted answers.
@@ -79,12 +84,13 @@ private:
     void HandleWrite(uint16_t item, const Frame& frame);
     PendingAnswer AnswerRead(const Frame& request);
     PendingAnswer AnswerSam(const Frame& request);
-    bool MatchFault(const SetupPacket& setup, Fault& hit);
+    bool MatchFault(const SetupPacket& setup, const std::vector<uint8_t>& out, Fault& hit);
     std::vector<uint8_t> Garbage(size_t n);
 
     mutable std::mutex m_mutex;
     CameraState m_state;
     PendingAnswer m_pending;
+    uint32_t m_answering = 0;  // the item whose answer the next GET_CURs fetch
     std::deque<std::vector<Frame>> m_scripted;
     std::vector<ArmedFault> m_faults;
     std::vector<std::pair<SamFault, int>> m_samFaults;
@@ -92,11 +98,5 @@ private:
     bool m_gone = false;
     uint32_t m_garbageSeed = 0x2545F491;
 };
-
-// Little helpers shared by the model and its tests.
-uint16_t GetLe16(const uint8_t* p);
-uint32_t GetLe32(const uint8_t* p);
-void PutLe16(uint8_t* p, uint16_t v);
-void PutLe32(uint8_t* p, uint32_t v);
 
 }  // namespace tarvik::sim

@@ -13,6 +13,10 @@ inline constexpr uint8_t kSetCur = 0x01;
 inline constexpr uint8_t kGetCur = 0x81;
 inline constexpr uint8_t kGetLen = 0x85;
 inline constexpr uint8_t kGetInfo = 0x86;
+inline constexpr uint8_t kGetMin = 0x82;  // the range requests every UVC control answers
+inline constexpr uint8_t kGetMax = 0x83;
+inline constexpr uint8_t kGetRes = 0x84;
+inline constexpr uint8_t kGetDef = 0x87;
 
 struct SetupPacket {
     uint8_t bmRequestType = 0;

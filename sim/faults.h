@@ -21,6 +21,7 @@ enum class Direction { kAny, kIn, kOut };
 
 inline constexpr int kAnySelector = -1;
 inline constexpr int kAnyRequest = -1;
+inline constexpr int kAnyItem = -1;
 
 struct Fault {
     FaultKind kind = FaultKind::kStall;
@@ -31,6 +32,9 @@ struct Fault {
     int skip = 0;                            // matching transfers let through before the first hit
     int shortBy = 0;                         // for kShort
     std::chrono::milliseconds delay{60000};  // for kDelay
+    // Only the transaction channel's read request of this extension item (its SET_CUR) and the
+    // GET_CURs that fetch its answer; kAnyItem for every transfer.
+    int item = kAnyItem;
 };
 
 // Faults of the SAM's answer, applied to the next `count` SAM read requests.

@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "byte_order.h"
+
 namespace tarvik::sim {
 
 namespace {
@@ -16,11 +18,8 @@ double Aim(int degrees) {
     return (degrees + (degrees > 0 ? 0.4 : -0.4)) * kDegree;
 }
 
-void PutBe16(uint8_t* p, long v) {
-    const auto u = static_cast<uint16_t>(static_cast<int16_t>(v));
-    p[0] = static_cast<uint8_t>(u >> 8);
-    p[1] = static_cast<uint8_t>(u & 0xFF);
-}
+// A signed axis value as its 16-bit two's-complement pattern.
+uint16_t Axis(double v) { return static_cast<uint16_t>(static_cast<int16_t>(std::lround(v))); }
 
 }  // namespace
 
@@ -47,9 +46,9 @@ std::optional<std::array<uint8_t, 14>> GyroSampleForTilt(int pitch, int roll,
         return std::nullopt;
     }
     std::array<uint8_t, 14> sample{};
-    PutBe16(&sample[0], std::lround(x));
-    PutBe16(&sample[2], std::lround(y));
-    PutBe16(&sample[4], std::lround(z));
+    PutBe16(&sample[0], Axis(x));
+    PutBe16(&sample[2], Axis(y));
+    PutBe16(&sample[4], Axis(z));
     for (size_t i = 0; i < rest.size(); ++i) sample[6 + i] = rest[i];
     return sample;
 }

@@ -1,150 +1,136 @@
 // tarvik-sim run [options] -- CMD ARGS...
 //
-// Runs CMD with simulated cameras visible to libusb: this process holds the umockdev testbed
-// and serves the device ioctls; CMD runs with umockdev's preload. Prints nothing on standard
-// output; its own errors go to standard error. The exit status is CMD's (128 + signal when CMD
-// was killed by a signal; 2 for a usage error, 127 when CMD cannot be started).
+// Runs CMD with simulated cameras visible to libusb and to the video4linux tools: this process
+// holds the umockdev testbed and serves the device ioctls; CMD runs with umockdev's preload
+// (and the simulator's open() gate). Prints nothing on standard output while CMD runs; its own
+// errors go to standard error. The exit status is CMD's (128 + signal when CMD was killed by a
+// signal; 2 for a usage error, 127 when CMD cannot be started).
+#include <poll.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <optional>
 #include <string>
 #include <vector>
 
 #include "card_file.h"
 #include "gyro_tilt.h"
+#include "launcher_options.h"
 #include "testbed.h"
 
 namespace {
 
-using tarvik::sim::CameraState;
+using namespace tarvik::sim;
 
-constexpr char kUsage[] =
-    "usage: tarvik-sim run [options] -- CMD [ARGS...]\n"
-    "  --cameras N             N cameras (default 1) on the first camera's bus, at consecutive\n"
-    "                          addresses\n"
-    "  --bus B, --address A    where the first camera sits (default bus 1, address 2)\n"
-    "  --camera B:A            a camera at bus B, address A (repeatable; replaces the above)\n"
-    "  --other-device B:A[:VID:PID]  an unrelated device (hex ids, default 1d6b:0104)\n"
-    "  --no-kernel-driver      cameras start with no kernel driver bound to interface 0\n"
-    "  --card FILE             identity card (JSON) the SAM presents\n"
-    "  --tilt PITCH,ROLL       tilt the motion sensor reports, whole degrees\n";
+constexpr uint8_t kSamNoCard = 0x80;  // the SAM's status word 3 for "no card in the field"
 
-struct Options {
-    int cameras = 1;
-    int bus = 1;
-    int address = 2;
-    std::vector<std::pair<int, int>> at;
-    struct Other {
-        int bus, address;
-        unsigned vid, pid;
-    };
-    std::vector<Other> others;
-    bool kernelDriver = true;
-    std::string card;
-    std::optional<std::pair<int, int>> tilt;
-    std::vector<char*> command;
+// Like system(): while CMD runs, the terminal's interrupt and quit belong to it alone. The
+// launcher's own dispositions come back when this goes, whichever way Run ends.
+class TerminalSignalsToChild {
+public:
+    TerminalSignalsToChild() {
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        sigaction(SIGINT, &ignore, &m_int);
+        sigaction(SIGQUIT, &ignore, &m_quit);
+    }
+    ~TerminalSignalsToChild() {
+        sigaction(SIGINT, &m_int, nullptr);
+        sigaction(SIGQUIT, &m_quit, nullptr);
+    }
+    TerminalSignalsToChild(const TerminalSignalsToChild&) = delete;
+    TerminalSignalsToChild& operator=(const TerminalSignalsToChild&) = delete;
+
+private:
+    struct sigaction m_int {};
+    struct sigaction m_quit {};
 };
 
-[[noreturn]] void Usage(const std::string& problem) {
-    std::fprintf(stderr, "tarvik-sim: %s\n%s", problem.c_str(), kUsage);
-    std::exit(2);
-}
-
-int Number(const char* text, const char* what) {
-    char* end = nullptr;
-    errno = 0;
-    const long v = std::strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || v < -1000 || v > 1000) {
-        Usage(std::string("bad ") + what + ": " + text);
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor() {
+        if (m_fd >= 0) ::close(m_fd);
     }
-    return static_cast<int>(v);
-}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const { return m_fd; }
 
-std::pair<int, int> Pair(const char* text, char sep, const char* what) {
-    const char* mid = std::strchr(text, sep);
-    if (mid == nullptr) Usage(std::string("bad ") + what + ": " + text);
-    const std::string first(text, mid);
-    return {Number(first.c_str(), what), Number(mid + 1, what)};
-}
+private:
+    int m_fd;
+};
 
-Options::Other OtherDevice(const char* text) {
-    Options::Other o{0, 0, 0x1D6B, 0x0104};
-    if (std::sscanf(text, "%d:%d:%x:%x", &o.bus, &o.address, &o.vid, &o.pid) < 2) {
-        Usage(std::string("bad --other-device: ") + text);
+CameraState InitialState(const LaunchOptions& o, const CameraSpec& spec) {
+    CameraState state = DefaultCameraState();
+    const std::string& card = spec.card.empty() ? o.card : spec.card;
+    if (!card.empty()) state.sam.card = LoadCardFile(card);
+    if (o.noCard) {  // status only: no text, no photo
+        state.sam.sw3 = kSamNoCard;
+        state.sam.commandData[3] = {};
+        state.sam.commandData[4] = {};
     }
-    return o;
-}
-
-Options Parse(int argc, char** argv) {
-    if (argc < 2 || std::strcmp(argv[1], "run") != 0) Usage("expected the command 'run'");
-    Options o;
-    int i = 2;
-    auto value = [&](const char* name) {
-        if (i + 1 >= argc) Usage(std::string(name) + " needs a value");
-        return argv[++i];
-    };
-    for (; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "--") {
-            ++i;
-            break;
-        } else if (arg == "--cameras") {
-            o.cameras = Number(value("--cameras"), "--cameras");
-        } else if (arg == "--bus") {
-            o.bus = Number(value("--bus"), "--bus");
-        } else if (arg == "--address") {
-            o.address = Number(value("--address"), "--address");
-        } else if (arg == "--camera") {
-            o.at.push_back(Pair(value("--camera"), ':', "--camera"));
-        } else if (arg == "--other-device") {
-            o.others.push_back(OtherDevice(value("--other-device")));
-        } else if (arg == "--no-kernel-driver") {
-            o.kernelDriver = false;
-        } else if (arg == "--card") {
-            o.card = value("--card");
-        } else if (arg == "--tilt") {
-            o.tilt = Pair(value("--tilt"), ',', "--tilt");
-        } else if (arg == "-h" || arg == "--help") {
-            std::fputs(kUsage, stderr);
-            std::exit(0);
-        } else {
-            Usage("unknown option " + arg);
-        }
-    }
-    for (; i < argc; ++i) o.command.push_back(argv[i]);
-    if (o.command.empty()) Usage("no command to run");
-    if (o.at.empty()) {
-        if (o.cameras < 0) Usage("--cameras must not be negative");
-        for (int k = 0; k < o.cameras; ++k) o.at.emplace_back(o.bus, o.address + k);
-    }
-    o.command.push_back(nullptr);
-    return o;
-}
-
-CameraState InitialState(const Options& o) {
-    CameraState state = tarvik::sim::DefaultCameraState();
-    if (!o.card.empty()) state.sam.card = tarvik::sim::LoadCardFile(o.card);
     if (o.tilt) {
         std::array<uint8_t, 8> rest{};
         std::copy(state.gyro.begin() + 6, state.gyro.end(), rest.begin());
-        auto sample = tarvik::sim::GyroSampleForTilt(o.tilt->first, o.tilt->second, rest);
-        if (!sample) throw std::runtime_error("--tilt: no sample gives that tilt");
+        auto sample = GyroSampleForTilt(o.tilt->first, o.tilt->second, rest);
+        if (!sample) throw UsageError("--tilt: no sample gives that tilt");
         state.gyro = *sample;
     }
     return state;
 }
 
-// The child's environment, made before fork so that the child only has to exec.
-std::vector<std::string> ChildEnvironment(const std::string& root) {
+void AddDevices(Testbed& bed, const LaunchOptions& o) {
+    for (size_t k = 0; k < o.cameras.size(); ++k) {
+        const CameraSpec& spec = o.cameras[k];
+        CameraOptions options;
+        options.kernelDriverBound = o.kernelDriver;
+        options.videoNodes = o.video;
+        options.denyAccess = o.denyAccess;
+        options.serial = spec.serial.empty() ? SerialOfCamera(k) : spec.serial;
+        options.initial = InitialState(o, spec);
+        Camera& camera = bed.AddCamera(spec.bus, spec.address, std::move(options));
+        if (o.unplugAfterTransfers) {  // first, so that it counts every request
+            Fault unplug;
+            unplug.kind = FaultKind::kGoneForGood;
+            unplug.selector = kAnySelector;
+            unplug.skip = *o.unplugAfterTransfers;
+            camera.Model().InjectFault(unplug);
+        }
+        for (const Fault& f : o.faults) camera.Model().InjectFault(f);
+    }
+    for (const OtherDeviceSpec& other : o.others) {
+        bed.AddOtherDevice(other.bus, other.address, static_cast<uint16_t>(other.vendorId),
+                           static_cast<uint16_t>(other.productId));
+    }
+}
+
+// The open() gate lives beside the launcher in the build tree (gate/), or where it was installed
+// relative to it (../lib/tarvik/ for bin/tarvik-sim): the prefix may move.
+std::string GatePath() {
+    char self[4096];
+    const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+    if (n <= 0) return "";
+    self[n] = '\0';
+    std::string dir(self);
+    dir.erase(dir.rfind('/'));
+    for (const char* where : {"/gate/", "/" TARVIK_SIM_GATE_FROM_BIN "/"}) {
+        const std::string path = dir + where + "libtarvik-sim-gate.so";
+        if (::access(path.c_str(), R_OK) == 0) return path;
+    }
+    return "";
+}
+
+std::vector<std::string> ChildEnvironment(const std::string& root, const std::string& gate) {
     std::vector<std::string> env;
-    std::string preload = "libumockdev-preload.so.0";
+    std::string preload = (gate.empty() ? "" : gate + ":") + "libumockdev-preload.so.0";
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string entry = *e;
         if (entry.rfind("LD_PRELOAD=", 0) == 0) {
@@ -159,58 +145,122 @@ std::vector<std::string> ChildEnvironment(const std::string& root) {
     return env;
 }
 
-int Run(const Options& o) {
-    tarvik::sim::Testbed bed;
-    const CameraState initial = InitialState(o);
-    for (const auto& [bus, address] : o.at) bed.AddCamera(bus, address, o.kernelDriver, initial);
-    for (const auto& other : o.others) {
-        bed.AddOtherDevice(other.bus, other.address, static_cast<uint16_t>(other.vid),
-                           static_cast<uint16_t>(other.pid));
-    }
-    std::vector<std::string> env = ChildEnvironment(bed.RootDir());
-    std::vector<char*> envp;
-    for (std::string& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    std::fflush(nullptr);
+std::vector<char*> Pointers(std::vector<std::string>& words) {
+    std::vector<char*> out;
+    for (std::string& w : words) out.push_back(w.data());
+    out.push_back(nullptr);
+    return out;
+}
 
-    // Like system(): the terminal's interrupt belongs to the child.
-    struct sigaction ignore {};
-    ignore.sa_handler = SIG_IGN;
-    struct sigaction oldInt {
-    }, oldQuit{};
-    sigaction(SIGINT, &ignore, &oldInt);
-    sigaction(SIGQUIT, &ignore, &oldQuit);
+// Starts CMD with default dispositions of SIGINT and SIGQUIT and an empty signal mask.
+pid_t Spawn(std::vector<std::string> command, std::vector<std::string> env) {
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none, terminal;
+    sigemptyset(&none);
+    sigemptyset(&terminal);
+    sigaddset(&terminal, SIGINT);
+    sigaddset(&terminal, SIGQUIT);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setsigdefault(&attr, &terminal);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    std::vector<char*> argv = Pointers(command);
+    std::vector<char*> envp = Pointers(env);
+    pid_t child = -1;
+    const int error = posix_spawnp(&child, argv[0], nullptr, &attr, argv.data(), envp.data());
+    posix_spawnattr_destroy(&attr);
+    if (error != 0) {
+        std::fprintf(stderr, "tarvik-sim: cannot run %s: %s\n", argv[0], std::strerror(error));
+        return -1;
+    }
+    return child;
+}
 
-    const pid_t child = fork();
-    if (child < 0) {
-        std::fprintf(stderr, "tarvik-sim: fork: %s\n", std::strerror(errno));
-        return 127;
-    }
-    if (child == 0) {
-        sigaction(SIGINT, &oldInt, nullptr);
-        sigaction(SIGQUIT, &oldQuit, nullptr);
-        execvpe(o.command[0], o.command.data(), envp.data());
-        std::fprintf(stderr, "tarvik-sim: cannot run %s: %s\n", o.command[0], std::strerror(errno));
-        _exit(127);
-    }
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0) {
-        if (errno != EINTR) {
-            std::fprintf(stderr, "tarvik-sim: waitpid: %s\n", std::strerror(errno));
-            return 127;
-        }
-    }
-    sigaction(SIGINT, &oldInt, nullptr);
-    sigaction(SIGQUIT, &oldQuit, nullptr);
+int ExitStatus(int status) {
     if (WIFEXITED(status)) return WEXITSTATUS(status);
     if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
     return 127;
 }
 
+void UnplugGone(Testbed& bed, bool all) {
+    for (size_t k = 0; k < bed.CameraCount(); ++k) {
+        Camera& camera = bed.GetCamera(k);
+        if (all || camera.Model().Gone()) camera.Unplug();
+    }
+}
+
+// Waits for CMD, unplugging cameras as they go (a fault or --unplug-after-transfers, told
+// through `gone`) or when --unplug-after's time is up.
+int Wait(pid_t child, Testbed& bed, const Descriptor& gone, std::optional<double> unplugAfter) {
+    const Descriptor exited(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
+    const auto start = std::chrono::steady_clock::now();
+    bool timerDone = !unplugAfter.has_value();
+    for (;;) {
+        int status = 0;
+        const pid_t done = ::waitpid(child, &status, WNOHANG);
+        if (done == child) return ExitStatus(status);
+        if (done < 0 && errno != EINTR) {
+            std::fprintf(stderr, "tarvik-sim: waitpid: %s\n", std::strerror(errno));
+            return 127;
+        }
+        int timeout = exited.get() >= 0 ? -1 : 20;  // without pidfd (old kernel): look often
+        if (!timerDone) {
+            const auto due = start + std::chrono::duration<double>(*unplugAfter);
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                due - std::chrono::steady_clock::now());
+            timeout = timeout < 0 ? static_cast<int>(std::max<long>(left.count(), 0))
+                                  : std::min<int>(timeout, static_cast<int>(left.count()));
+            if (left.count() <= 0) {
+                UnplugGone(bed, true);
+                timerDone = true;
+                continue;
+            }
+        }
+        pollfd fds[2] = {{gone.get(), POLLIN, 0}, {exited.get(), POLLIN, 0}};
+        if (::poll(fds, exited.get() >= 0 ? 2 : 1, timeout) > 0 && (fds[0].revents & POLLIN)) {
+            uint64_t count = 0;
+            if (::read(gone.get(), &count, sizeof count) == sizeof count) UnplugGone(bed, false);
+        }
+    }
+}
+
+int Run(const LaunchOptions& o) {
+    const std::string gate = GatePath();
+    if (o.denyAccess && gate.empty()) {
+        throw std::runtime_error("--deny-access: the open() gate library is not installed");
+    }
+    Testbed bed;
+    const Descriptor gone(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    bed.SetGoneListener([fd = gone.get()](Camera&) {
+        const uint64_t one = 1;
+        (void)!::write(fd, &one, sizeof one);
+    });
+    AddDevices(bed, o);
+    std::vector<std::string> command = o.command;
+    const TerminalSignalsToChild terminal;
+    const pid_t child = Spawn(command, ChildEnvironment(bed.RootDir(), gate));
+    if (child < 0) return 127;
+    return Wait(child, bed, gone, o.unplugAfterSeconds);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Options options = Parse(argc, argv);
+    LaunchOptions options;
+    try {
+        options = ParseLaunchOptions(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "tarvik-sim: %s\n%s", e.what(), kLauncherUsage);
+        return 2;
+    }
+    if (options.action == LaunchOptions::Action::kHelp) {
+        std::fputs(kLauncherUsage, stdout);
+        return 0;
+    }
+    if (options.action == LaunchOptions::Action::kVersion) {
+        std::printf("tarvik-sim %s\n", TARVIK_VERSION);
+        return 0;
+    }
     try {
         return Run(options);
     } catch (const std::exception& e) {

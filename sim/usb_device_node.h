@@ -1,44 +1,50 @@
 // The usbfs side of one simulated USB device: a umockdev ioctl handler that serves libusb's
-// requests on /dev/bus/usb/BBB/DDD from a CameraModel (or stalls every control transfer for a
-// device without one), keeps the transfer log and the kernel-driver binding of interface 0.
+// requests on /dev/bus/usb/BBB/DDD from the camera's port (a device of another kind stalls
+// every request), answers the string descriptors, and keeps what usbfs keeps per open file:
+// the URBs in flight and the claim on interface 0.
+//
+// Claims, as real usbfs has them: the first descriptor that sends a control transfer to
+// interface 0 claims it implicitly; every other descriptor then gets EBUSY on such a submit
+// and on USBDEVFS_CLAIMINTERFACE until the holder releases it or closes. Neither is possible
+// while the kernel driver is bound. USBDEVFS_CONNECT answers EBUSY while the interface is
+// claimed. A descriptor is one umockdev client: one open() in one process.
 //
 // Internal to the fixture; tests use testbed.h.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "camera_model.h"
-#include "transfer_log.h"
+#include "camera_port.h"
 
 typedef struct _UMockdevTestbed UMockdevTestbed;
 typedef struct _UMockdevIoctlBase UMockdevIoctlBase;
 typedef struct _UMockdevIoctlClient UMockdevIoctlClient;
 typedef struct _UMockdevIoctlData UMockdevIoctlData;
+typedef struct _GParamSpec GParamSpec;
+typedef struct _GSource GSource;
 
 namespace tarvik::sim {
 
 class UsbDeviceNode {
 public:
-    // `model` may be null: the device then answers every control transfer with a stall.
-    UsbDeviceNode(std::shared_ptr<CameraModel> model, bool kernelDriverBound);
+    // `strings`: the string descriptors by index (language 0x0409).
+    UsbDeviceNode(std::shared_ptr<CameraPort> port, std::map<uint8_t, std::string> strings);
     ~UsbDeviceNode();
     UsbDeviceNode(const UsbDeviceNode&) = delete;
     UsbDeviceNode& operator=(const UsbDeviceNode&) = delete;
 
-    // Attaches the handler to the node and adds the device (handler first, so that the node
-    // answers as soon as it exists). Returns false with `error` filled on failure.
-    bool Add(UMockdevTestbed* testbed, int bus, int address,
-             const std::vector<uint8_t>& descriptors, std::string& error);
+    // Attaches the handler to `node` (handler first, so that the node answers as soon as it
+    // exists). Returns false with `error` filled on failure.
+    bool Attach(UMockdevTestbed* testbed, const std::string& node, std::string& error);
 
-    std::vector<Transfer> Log() const;
-    std::vector<Transfer> TakeLog();
-    void ClearLog();
-    bool KernelDriverBound() const;
+    // Whether some descriptor holds interface 0.
+    bool InterfaceClaimed() const;
 
 private:
     struct InFlight {
@@ -47,23 +53,44 @@ private:
         Transfer transfer;
         std::chrono::steady_clock::time_point due;
     };
+    struct Client {  // what usbfs keeps per open file
+        std::vector<InFlight> flying;
+        std::vector<InFlight> discarded;
+        int deferred = 0;  // times its current request waited for a holder's close to show
+    };
+    struct Deferred {
+        UsbDeviceNode* node;
+        UMockdevIoctlClient* client;  // our reference
+    };
 
     static int OnIoctl(UMockdevIoctlBase* handler, UMockdevIoctlClient* client, void* self);
-    bool HandleIoctl(UMockdevIoctlClient* client);
+    static void OnConnected(UMockdevIoctlBase* handler, UMockdevIoctlClient* client, void* self);
+    static void OnConnectionChanged(UMockdevIoctlClient* client, GParamSpec*, void* self);
+    static int OnDeferred(void* deferred);
+    bool Defer(UMockdevIoctlClient* client);
+    void Vanished(UMockdevIoctlClient* client);
+    void Forget(UMockdevIoctlClient* client);
+    void ForgetClosedClaimant();
+    void HandleIoctl(UMockdevIoctlClient* client);
+    void Dispatch(UMockdevIoctlClient* client);
+    void Capabilities(UMockdevIoctlClient* client);
+    void Claim(UMockdevIoctlClient* client, bool claim);
+    int ClaimFor(UMockdevIoctlClient* client, unsigned interface);
+    void GetDriver(UMockdevIoctlClient* client);
+    void DriverIoctl(UMockdevIoctlClient* client);
     void Submit(UMockdevIoctlClient* client);
+    Reply Answer(const SetupPacket& setup, const std::vector<uint8_t>& out);
     void Reap(UMockdevIoctlClient* client);
     void Discard(UMockdevIoctlClient* client);
-    void DriverIoctl(UMockdevIoctlClient* client);
-    void GetDriver(UMockdevIoctlClient* client);
-    void Append(Transfer t);
+    Client& ClientOf(UMockdevIoctlClient* client);
 
-    std::shared_ptr<CameraModel> m_model;
+    std::shared_ptr<CameraPort> m_port;
+    std::map<uint8_t, std::string> m_strings;
     UMockdevIoctlBase* m_handler = nullptr;
     mutable std::mutex m_mutex;
-    bool m_driverBound;
-    std::vector<Transfer> m_log;
-    std::vector<InFlight> m_flying;
-    std::vector<InFlight> m_discarded;
+    std::map<UMockdevIoctlClient*, Client> m_clients;  // each holds a reference to its key
+    UMockdevIoctlClient* m_claimant = nullptr;
+    std::map<Deferred*, GSource*> m_deferred;
 };
 
 }  // namespace tarvik::sim

@@ -90,7 +90,7 @@ std::vector<std::string> OpenDescriptors() {
 // (LeakSanitizer checks the heap in the ASan build).
 TEST(Leaks, CreateUseReleaseCycles) {
     sim::Testbed bed;
-    sim::Camera& cam = bed.AddCamera(1, 2);
+    sim::Camera& cam = bed.AddCamera(1, 2, false);  // adopted handles need no detach
     auto cycle = [&](bool gone) {
         libusb_context* ctx = nullptr;
         ASSERT_EQ(libusb_init(&ctx), 0);

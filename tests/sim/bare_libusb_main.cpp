@@ -1,7 +1,8 @@
 // A bare libusb program, no library code: run under `tarvik-sim run`, it finds the camera at
 // the bus and address given, detaches the kernel driver, reads the version item and a whole
 // card (SAM command 3) frame by frame, checks the packet's XOR checksum and the card's name,
-// and puts the driver back. Exit status 0 when all of that holds.
+// releases the interface its transfers claimed and puts the driver back. Exit status 0 when all of
+// that holds.
 #include <libusb.h>
 
 #include <cstdio>
@@ -105,7 +106,11 @@ int main(int argc, char** argv) {
                libusb_kernel_driver_active(h, 0) != 0) {
         Fail("detach", r);
     } else {
+        // usbfs re-binds the driver only once interface 0 is released, and libusb releases only
+        // what it claimed itself: claim it rather than let the first transfer do it.
+        if ((r = libusb_claim_interface(h, 0)) != 0) Fail("claim", r);
         status = Exchange(h);
+        if ((r = libusb_release_interface(h, 0)) != 0) status = Fail("release", r);
         if ((r = libusb_attach_kernel_driver(h, 0)) != 0) status = Fail("attach", r);
     }
     if (h != nullptr) libusb_close(h);

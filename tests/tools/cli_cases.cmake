@@ -352,7 +352,7 @@ elseif(CASE STREQUAL "no_camera")
 elseif(CASE STREQUAL "log_destinations")
   # The library's lines and libusb's own messages keep their order.
   set(ENV{LIBUSB_DEBUG} 4)
-  tool(0 -v get roi)
+  tool(0 -v --transport usb get roi)
   unset(ENV{LIBUSB_DEBUG})
   expect_match(ERR "libTarvik: libusb_get_device_list\\.\\.\\.[^\n]*\n[^\n]*libusb: debug \\[libusb_get_device_list\\]")
   tool(0 get roi)

@@ -1,38 +1,37 @@
-#include "sam_packet.h"
+#include "sam_answer.h"
 
 #include <algorithm>
+
+#include "byte_order.h"
 
 namespace tarvik::sim {
 
 namespace {
 
-struct TextField {
-    const std::string IdentityCard::*member;
-    size_t units;
-};
-
-constexpr TextField kTextFields[] = {
-    {&IdentityCard::name, 15},      {&IdentityCard::sex, 1},       {&IdentityCard::nation, 2},
-    {&IdentityCard::birth, 8},      {&IdentityCard::address, 35},  {&IdentityCard::idNumber, 18},
-    {&IdentityCard::authority, 15}, {&IdentityCard::validFrom, 8}, {&IdentityCard::validTo, 8},
-    {&IdentityCard::reserved, 18},
-};
-
 void PutBigEndian16(std::vector<uint8_t>& out, uint16_t v) {
-    out.push_back(static_cast<uint8_t>(v >> 8));
-    out.push_back(static_cast<uint8_t>(v & 0xFF));
+    uint8_t bytes[2];
+    PutBe16(bytes, v);
+    out.insert(out.end(), bytes, bytes + 2);
 }
 
 void AppendBlock(std::vector<uint8_t>& out, const std::vector<uint8_t>& block) {
     for (size_t i = 0; i < kCardBlockLength; ++i) out.push_back(i < block.size() ? block[i] : 0);
 }
 
-void PutLittleEndian16(uint8_t* at, uint16_t v) {
-    at[0] = static_cast<uint8_t>(v & 0xFF);
-    at[1] = static_cast<uint8_t>(v >> 8);
-}
-
 }  // namespace
+
+const std::array<CardTextField, 10> kCardTextFields = {{
+    {"name", &IdentityCard::name, 15},
+    {"sex", &IdentityCard::sex, 1},
+    {"nation", &IdentityCard::nation, 2},
+    {"birth", &IdentityCard::birth, 8},
+    {"address", &IdentityCard::address, 35},
+    {"id_number", &IdentityCard::idNumber, 18},
+    {"authority", &IdentityCard::authority, 15},
+    {"valid_from", &IdentityCard::validFrom, 8},
+    {"valid_to", &IdentityCard::validTo, 8},
+    {"reserved", &IdentityCard::reserved, 18},
+}};
 
 std::u16string Utf8ToUcs2(const std::string& text) {
     std::u16string out;
@@ -69,10 +68,10 @@ std::u16string Utf8ToUcs2(const std::string& text) {
 std::array<uint8_t, kCardTextLength> EncodeCardText(const IdentityCard& card) {
     std::array<uint8_t, kCardTextLength> block{};
     size_t offset = 0;
-    for (const TextField& field : kTextFields) {
+    for (const CardTextField& field : kCardTextFields) {
         const std::u16string units = Utf8ToUcs2(card.*field.member);
         for (size_t u = 0; u < field.units; ++u) {
-            PutLittleEndian16(&block[offset + 2 * u], u < units.size() ? units[u] : u' ');
+            PutLe16(&block[offset + 2 * u], u < units.size() ? units[u] : u' ');
         }
         offset += 2 * field.units;
     }
@@ -127,9 +126,9 @@ std::vector<Frame> SamAnswerFrames(const uint8_t header[4], int16_t echo, int16_
     do {
         Frame f{};
         std::copy(header, header + 4, f.begin());
-        PutLittleEndian16(&f[4], static_cast<uint16_t>(echo));
-        PutLittleEndian16(&f[6], frames.empty() ? static_cast<uint16_t>(samResult)
-                                                : static_cast<uint16_t>(frames.size()));
+        PutLe16(&f[4], static_cast<uint16_t>(echo));
+        PutLe16(&f[6], frames.empty() ? static_cast<uint16_t>(samResult)
+                                      : static_cast<uint16_t>(frames.size()));
         const size_t n = std::min(kSamChunk, packet.size() - sent);
         std::copy(packet.begin() + static_cast<long>(sent),
                   packet.begin() + static_cast<long>(sent + n), f.begin() + 8);

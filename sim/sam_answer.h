@@ -15,6 +15,15 @@ namespace tarvik::sim {
 inline constexpr size_t kCardTextLength = 256;
 inline constexpr size_t kCardBlockLength = 1024;
 
+// The card's ten text fields in their order on the wire, with their widths in UCS-2 units and
+// their names in card files.
+struct CardTextField {
+    const char* key;
+    std::string IdentityCard::*member;
+    size_t units;
+};
+extern const std::array<CardTextField, 10> kCardTextFields;
+
 // UTF-8 to UCS-2 code units; characters outside the basic plane and malformed bytes become '?'.
 std::u16string Utf8ToUcs2(const std::string& text);
 
