@@ -106,6 +106,11 @@ for exe in "$work/read_card_pc" "$work/cmake-build/read_card"; do
   echo "$out" | grep -q '^name: 张三$' || { echo "example failed: $out" >&2; exit 1; }
   passed=$((passed + 1))
 done
+# The kernel path: the card is read while the video driver stays bound.
+out=$(TARVIK_TRANSPORT=kernel LD_LIBRARY_PATH=$prefix/lib "$sim" run -- "$work/read_card_pc" 2>&1)
+echo "$out" | grep -q 'video node /dev/video0 (bus 1, device 2), the video driver stays bound' &&
+  echo "$out" | grep -q '^name: 张三$' || { echo "kernel path example failed: $out" >&2; exit 1; }
+passed=$((passed + 1))
 # The C program's standard output holds its own lines only.
 for exe in "$work/read_card_c" "$work/cmake-build/read_card_c"; do
   out=$(TARVIK_LOG=off LD_LIBRARY_PATH=$prefix/lib "$sim" run -- "$exe")

@@ -2,6 +2,8 @@
 
 #include <sys/stat.h>
 #include <umockdev.h>
+
+#include <cstdlib>
 #include <unistd.h>
 
 #include <algorithm>
@@ -107,6 +109,9 @@ void Camera::Unplug() {
 
 Testbed::Testbed() : m_testbed(umockdev_testbed_new()), m_driverTimeout(kDriverControlTimeout) {
     if (m_testbed == nullptr) throw std::runtime_error("umockdev_testbed_new failed");
+    // The simulated machine's lock directory: programs on its cameras share their lock
+    // files (TARVIK_LOCK_DIR), and programs on another simulated machine never meet them.
+    setenv("TARVIK_LOCK_DIR", RootDir().c_str(), 1);
 }
 
 Testbed::~Testbed() {

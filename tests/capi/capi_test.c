@@ -21,8 +21,26 @@ static void count_line(const char* line, void* user) {
     lines += strncmp(line, "[File:", 6) == 0;
 }
 
-int main(void) {
+/* `capi_test hammer MODE`: writes and reads back a lens-motor slot of its own
+ * many times, as fast as it can; run beside another, on one camera, neither
+ * may ever receive the other's answer. */
+static int hammer(int mode) {
+    tarvik_camera* cam = NULL;
+    if (tarvik_open(NULL, &cam) != 0) return 2;
+    for (uint16_t i = 0; i < 300 && failures == 0; ++i) {
+        uint16_t back = 0;
+        uint32_t status = 0;
+        CHECK(tarvik_write_vcm(cam, mode, (uint16_t)(mode * 1000 + i), 0, 0) == 0);
+        CHECK(tarvik_read_roi_status(cam, &status) == 0 && status == 0xA5A50001u);
+        CHECK(tarvik_read_vcm(cam, mode, &back) == 0 && back == mode * 1000 + i);
+    }
+    tarvik_close(cam);
+    return failures == 0 ? 0 : 1;
+}
+
+int main(int argc, char** argv) {
     tarvik_set_log_handler(count_line, NULL);
+    if (argc == 3 && strcmp(argv[1], "hammer") == 0) return hammer(argv[2][0] - '0');
     tarvik_camera_info info[2];
     CHECK(tarvik_list(info, 2) == 1 && info[0].bus == 1 && info[0].address == 2);
 

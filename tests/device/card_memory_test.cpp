@@ -159,7 +159,7 @@ TEST_P(CardMemory, FreedBlocksHoldNoCardData) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, CardMemory, testing::Values(Transport::kUsb), TransportName);
+INSTANTIATE_TEST_SUITE_P(Transports, CardMemory, BothTransports(), TransportName);
 
 }  // namespace
 }  // namespace tarvik::test

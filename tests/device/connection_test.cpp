@@ -158,6 +158,23 @@ TEST(Opening, CameraGoneBeforeTheDetach) {
                             "libTarvik: release_libusb.\n"}));
 }
 
+// A second user of the camera on the USB path: usbfs refuses its transfers
+// (libusb calls it an I/O error) for as long as the first holds interface 0;
+// the library says so when it opens.
+TEST(Opening, SecondUserOnTheUsbPath) {
+    sim::Testbed bed;
+    bed.AddCamera(1, 2);
+    StdoutCapture capture;
+    TarvikPtr first(static_cast<TarvikImpl*>(zq_CreateTarvik(nullptr, 1, 2)));
+    TarvikPtr second(static_cast<TarvikImpl*>(zq_CreateTarvik(nullptr, 1, 2)));
+    _ROI_PARAM roi{};
+    EXPECT_EQ(first->zq_ReadROI(&roi), 0);
+    EXPECT_EQ(second->zq_ReadROI(&roi), LIBUSB_ERROR_IO);
+    EXPECT_NE(capture.Take().find("libTarvik: the camera is in use by another program; its "
+                                  "transfers will fail until that program lets it go.\n"),
+              std::string::npos);
+}
+
 TEST(Opening, PrintDevsListsEveryDevice) {
     sim::Testbed bed;
     bed.AddOtherDevice(5, 6, 0x1234, 0xABCD);

@@ -4,6 +4,7 @@
 
 #include <libusb.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -21,11 +22,13 @@ struct Releaser {
 using TarvikPtr = std::unique_ptr<TarvikImpl, Releaser>;
 
 // How the library reaches the camera: the column every device table runs in.
-enum class Transport { kUsb };
+enum class Transport { kUsb, kKernel };
 
 inline std::string TransportName(const testing::TestParamInfo<Transport>& info) {
     return info.param == Transport::kUsb ? "usb" : "kernel";
 }
+
+inline auto BothTransports() { return testing::Values(Transport::kUsb, Transport::kKernel); }
 
 // What one call did: its result, its lines and the transfers it made.
 struct Outcome {
@@ -63,6 +66,15 @@ protected:
     DeviceTest() : m_camera(&m_bed.AddCamera(1, 2)) {}
     void TearDown() override { transport::set_control_timeout_ms(transport::kControlTimeoutMs); }
 
+    // A control timeout for the transfers that follow, on either path.
+    void SetTimeout(Transport path, unsigned ms) {
+        if (path == Transport::kUsb) {
+            transport::set_control_timeout_ms(ms);
+        } else {
+            m_bed.SetDriverTimeout(std::chrono::milliseconds(ms));
+        }
+    }
+
     sim::Camera& Cam() { return *m_camera; }
 
     // The camera answers the next read request with these frames.
@@ -77,25 +89,36 @@ protected:
     }
     sim::CameraModel& Model() { return m_camera->Model(); }
 
-    // Opens the camera through the factory; its lines and transfers are dropped.
-    // With `primed`, the marker has been sent too.
-    TarvikPtr Open(Transport = Transport::kUsb, bool primed = true) {
+    // Opens the camera through the factory (for the kernel path, its capture
+    // node); its lines and transfers are dropped. With `primed`, the marker
+    // has been sent too, and the transaction channel used once (the video
+    // driver asks a control's length and info itself on its first use).
+    TarvikPtr Open(Transport path = Transport::kUsb, bool primed = true) {
         StdoutCapture quiet;
-        TarvikPtr t(static_cast<TarvikImpl*>(zq_CreateTarvik(nullptr, -1, -1)));
-        if (t != nullptr && primed) t->SetMarker();
+        TarvikPtr t(static_cast<TarvikImpl*>(
+            path == Transport::kUsb ? zq_CreateTarvik(nullptr, -1, -1)
+                                    : zq_CreateTarvikOnVideo(m_camera->VideoNode().c_str())));
+        unsigned int length = 0;
+        if (t != nullptr && primed) {
+            t->SetMarker();
+            t->_GetLength(14, &length);
+        }
         quiet.Take();
         m_camera->ClearLog();
         return t;
     }
 
-    // Runs `call`, capturing its lines and its transfers.
+    // Runs `call`, capturing its lines and the requests it made (not those the
+    // video driver makes of its own on a control's first use).
     Outcome Run(const std::function<HRESULT()>& call) {
         m_camera->ClearLog();
         StdoutCapture capture;
         Outcome o;
         o.result = call();
         o.out = capture.Take();
-        o.wire = m_camera->TakeLog();
+        for (sim::Transfer& t : m_camera->TakeLog()) {
+            if (!t.byDriver) o.wire.push_back(std::move(t));
+        }
         return o;
     }
 

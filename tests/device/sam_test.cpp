@@ -145,7 +145,7 @@ TEST_P(SamAnswers, ResultLinesAndDelivery) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, SamAnswers,
-                         testing::Combine(testing::ValuesIn(kCases), testing::Values(Transport::kUsb)),
+                         testing::Combine(testing::ValuesIn(kCases), BothTransports()),
                          [](const auto& p) {
                              return std::string(std::get<0>(p.param).name) + "_" +
                                     TransportName({std::get<1>(p.param), 0});
@@ -232,7 +232,7 @@ TEST_P(Sam, CardReads) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Transports, Sam, testing::Values(Transport::kUsb), TransportName);
+INSTANTIATE_TEST_SUITE_P(Transports, Sam, BothTransports(), TransportName);
 
 }  // namespace
 }  // namespace tarvik::test
