@@ -1,6 +1,9 @@
-// Device benchmarks: every operation of the library against a bare libusb loop
-// issuing the same control transfers (the floor), side by side, on one
-// simulated camera. Run under umockdev's preload (umockdev-wrapper).
+// Device benchmarks: every operation of the library against a bare loop making
+// the same requests (the floor), side by side, on simulated cameras, on both
+// paths: libusb (the library on a camera it opened itself, the floor's bare
+// libusb_control_transfer on a second camera: usbfs lets one program hold a
+// camera) and the video driver (library and floor on one camera's capture
+// node, bare UVCIOC_CTRL_QUERY for the floor). Run under umockdev's preload.
 //
 // The library prints its lines to standard output on every operation. That is
 // part of its cost, so it stays on, but standard output goes to /dev/null; the
@@ -8,6 +11,7 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <libusb.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,40 +34,55 @@ using tarvik::bench::Kind;
 using tarvik::bench::Operation;
 using tarvik::bench::Operations;
 
-constexpr int kBus = 1;
-constexpr int kAddress = 2;
-
 struct Counts {
     unsigned issued;
     unsigned minimum;
 };
 
-struct Rig {
+// One way to the camera: the library's object and camera, and the floor's requests.
+struct Path {
+    std::string name;
     tarvik::sim::Camera* camera = nullptr;
-    libusb_context* context = nullptr;
-    libusb_device_handle* handle = nullptr;
     TarvikImpl* impl = nullptr;
+    tarvik::bench::FloorRequest floor;
 };
-Rig g_rig;
 
-// The application's own handle, adopted by the library: both sides talk
-// through the very same libusb context and device handle.
-libusb_device_handle* OpenCamera(libusb_context* ctx) {
-    libusb_device_handle* h = libusb_open_device_with_vid_pid(ctx, 0x0AC8, 0x010C);
+struct Bench {
+    const Path* path;
+    const Operation* op;
+};
+
+// The floor's camera on the USB path, opened by bus and address, its driver detached.
+libusb_device_handle* OpenFloorCamera(libusb_context* ctx, int bus, int address) {
+    libusb_device** list = nullptr;
+    libusb_device_handle* h = nullptr;
+    const ssize_t n = libusb_get_device_list(ctx, &list);
+    for (ssize_t i = 0; i < n && h == nullptr; ++i) {
+        if (libusb_get_bus_number(list[i]) == bus &&
+            libusb_get_device_address(list[i]) == address && libusb_open(list[i], &h) != 0) {
+            h = nullptr;
+        }
+    }
+    libusb_free_device_list(list, 1);
     if (h != nullptr && libusb_kernel_driver_active(h, 0) == 1) libusb_detach_kernel_driver(h, 0);
+    if (h != nullptr) libusb_claim_interface(h, 0);
     return h;
 }
 
-// Transfers the operation makes once the marker is sent, from the camera's log.
-Counts CountTransfers(const Operation& op) {
-    g_rig.camera->ClearLog();
-    const HRESULT r = op.run(*g_rig.impl);
-    const std::vector<tarvik::sim::Transfer> log = g_rig.camera->TakeLog();
+// Requests the operation makes once the marker is sent, from the camera's log
+// (not those the video driver makes of its own).
+Counts CountTransfers(const Path& path, const Operation& op) {
+    path.camera->ClearLog();
+    const HRESULT r = op.run(*path.impl);
+    std::vector<tarvik::sim::Transfer> log;
+    for (tarvik::sim::Transfer& t : path.camera->TakeLog()) {
+        if (!t.byDriver) log.push_back(std::move(t));
+    }
     unsigned samLength = 0;
     if (op.kind == Kind::kCardRead && log.size() >= 2 && log[1].in.size() >= 10) {
         samLength = tarvik::bench::SamPacketLength(log[1].in.data());
     }
-    if (r != 0) std::cerr << op.name << ": hr=" << r << "\n";
+    if (r != 0) std::cerr << path.name << " " << op.name << ": hr=" << r << "\n";
     return {static_cast<unsigned>(log.size()), tarvik::bench::MinimumTransfers(op.kind, samLength)};
 }
 
@@ -75,7 +94,8 @@ double Seconds(std::chrono::steady_clock::time_point since) {
 // floor's exchange back to back, in alternating order, so that both meet the
 // same state of the emulation (its round trip drifts with the machine's load).
 // The benchmark's time is the library's; the floor's is a counter.
-void SideBySide(benchmark::State& state, const Operation* op) {
+void SideBySide(benchmark::State& state, Bench bench) {
+    const Operation* op = bench.op;
     double library = 0;
     double floor = 0;
     std::vector<double> ratios;
@@ -87,10 +107,10 @@ void SideBySide(benchmark::State& state, const Operation* op) {
         for (int half = 0; half < 2; ++half) {
             const auto t0 = std::chrono::steady_clock::now();
             if ((half == 0) == libraryFirst) {
-                ok = ok && op->run(*g_rig.impl) == 0;
+                ok = ok && op->run(*bench.path->impl) == 0;
                 tLibrary = Seconds(t0);
             } else {
-                ok = ok && tarvik::bench::FloorExchange(g_rig.handle, *op) >= 0;
+                ok = ok && tarvik::bench::FloorExchange(bench.path->floor, *op) >= 0;
                 tFloor = Seconds(t0);
             }
         }
@@ -112,7 +132,7 @@ void SideBySide(benchmark::State& state, const Operation* op) {
         state.counters["ratio"] = ratios[ratios.size() / 2];
         state.counters["library_per_s"] = n / library;
     }
-    g_rig.camera->ClearLog();
+    bench.path->camera->ClearLog();
 }
 
 // The console report, then a table of library against floor (medians when
@@ -131,8 +151,7 @@ public:
                 !(run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")) {
                 continue;
             }
-            std::string name = run.run_name.function_name;  // "Device/ReadVersion"
-            name = name.substr(name.find('/') + 1);
+            const std::string name = run.run_name.function_name;  // "usb/ReadVersion"
             Row& row = m_rows[name];
             row.libraryUs =
                 run.GetAdjustedRealTime() * 1e6 / benchmark::GetTimeUnitMultiplier(run.time_unit);
@@ -141,25 +160,27 @@ public:
         }
     }
 
-    void PrintSummary() {
+    void PrintSummary(const std::vector<std::string>& paths) {
         std::ostream& out = GetOutputStream();
-        out << "\nLibrary against the bare libusb floor (real time per operation, median of the "
-               "runs;\n"
+        out << "\nLibrary against the bare floor (real time per operation, median of the runs;\n"
                "ratio = median over the paired iterations of library time / floor time)\n";
-        out << std::left << std::setw(20) << "operation" << std::right << std::setw(12)
+        out << std::left << std::setw(28) << "path/operation" << std::right << std::setw(12)
             << "library us" << std::setw(12) << "floor us" << std::setw(8) << "ratio"
             << std::setw(12) << "library/s" << std::setw(16) << "transfers/min"
             << "\n";
-        for (const Operation& op : Operations()) {
-            const auto row = m_rows.find(op.name);
-            if (row == m_rows.end()) continue;
-            const Counts& c = m_counts.at(op.name);
-            const Row& r = row->second;
-            out << std::left << std::setw(20) << op.name << std::right << std::fixed
-                << std::setprecision(0) << std::setw(12) << r.libraryUs << std::setw(12)
-                << r.floorUs << std::setprecision(3) << std::setw(8) << r.ratio
-                << std::setprecision(0) << std::setw(12) << 1e6 / r.libraryUs << std::setw(11)
-                << c.issued << "/" << c.minimum << (c.issued == c.minimum ? "" : " !") << "\n";
+        for (const std::string& path : paths) {
+            for (const Operation& op : Operations()) {
+                const std::string name = path + "/" + op.name;
+                const auto row = m_rows.find(name);
+                if (row == m_rows.end()) continue;
+                const Counts& c = m_counts.at(name);
+                const Row& r = row->second;
+                out << std::left << std::setw(28) << name << std::right << std::fixed
+                    << std::setprecision(0) << std::setw(12) << r.libraryUs << std::setw(12)
+                    << r.floorUs << std::setprecision(3) << std::setw(8) << r.ratio
+                    << std::setprecision(0) << std::setw(12) << 1e6 / r.libraryUs << std::setw(11)
+                    << c.issued << "/" << c.minimum << (c.issued == c.minimum ? "" : " !") << "\n";
+            }
         }
         out.flush();
     }
@@ -197,38 +218,57 @@ int main(int argc, char** argv) {
         std::cerr << "tarvik_bench_device: run it under umockdev-wrapper\n";
         return 2;
     }
-    g_rig.camera = &bed.AddCamera(kBus, kAddress);
-    if (libusb_init(&g_rig.context) != 0 || (g_rig.handle = OpenCamera(g_rig.context)) == nullptr) {
-        std::cerr << "tarvik_bench_device: cannot open the simulated camera\n";
+    tarvik::sim::Camera& usbCamera = bed.AddCamera(1, 2);
+    bed.AddCamera(1, 3);  // the floor's: usbfs lets one program at a time use a camera
+    tarvik::sim::Camera& videoCamera = bed.AddCamera(1, 4);
+
+    libusb_context* ctx = nullptr;
+    libusb_device_handle* floorHandle = nullptr;
+    if (libusb_init(&ctx) != 0 || (floorHandle = OpenFloorCamera(ctx, 1, 3)) == nullptr) {
+        std::cerr << "tarvik_bench_device: cannot open the floor's camera\n";
         return 1;
     }
-    std::unique_ptr<TarvikImpl, void (*)(TarvikImpl*)> impl(
-        static_cast<TarvikImpl*>(zq_CreateTarvik(g_rig.handle, kBus, kAddress)),
-        [](TarvikImpl* p) { zq_ReleaseTarvik(p); });
-    g_rig.impl = impl.get();
-    if (!impl || impl->SetMarker() != 0) {
-        std::cerr << "tarvik_bench_device: the library cannot use the camera\n";
+    const int floorFd = open(videoCamera.VideoNode().c_str(), O_RDWR);
+    auto release = [](TarvikImpl* p) { zq_ReleaseTarvik(p); };
+    std::unique_ptr<TarvikImpl, decltype(release)> usb(
+        static_cast<TarvikImpl*>(zq_CreateTarvik(nullptr, 1, 2)), release);
+    std::unique_ptr<TarvikImpl, decltype(release)> kernel(
+        static_cast<TarvikImpl*>(zq_CreateTarvikOnVideo(videoCamera.VideoNode().c_str())), release);
+    if (floorFd < 0 || !usb || !kernel || usb->SetMarker() != 0 || kernel->SetMarker() != 0) {
+        std::cerr << "tarvik_bench_device: the library cannot use the cameras\n";
         return 1;
     }
+    const std::vector<Path> paths = {
+        {"usb", &usbCamera, usb.get(), tarvik::bench::UsbFloor(floorHandle)},
+        {"kernel", &videoCamera, kernel.get(), tarvik::bench::KernelFloor(floorFd)},
+    };
 
     std::map<std::string, Counts> counts;
-    for (const Operation& op : Operations()) {
-        counts[op.name] = CountTransfers(op);
-        benchmark::RegisterBenchmark((std::string("Device/") + op.name).c_str(), SideBySide, &op)
-            ->Unit(benchmark::kMicrosecond)
-            ->UseManualTime();
+    std::vector<std::string> names;
+    for (const Path& path : paths) {
+        names.push_back(path.name);
+        for (const Operation& op : Operations()) {
+            const std::string name = path.name + "/" + op.name;
+            counts[name] = CountTransfers(path, op);
+            benchmark::RegisterBenchmark(name.c_str(), SideBySide, Bench{&path, &op})
+                ->Unit(benchmark::kMicrosecond)
+                ->UseManualTime();
+        }
     }
 
     SideBySideReporter reporter(counts);
     reporter.SetOutputStream(&figures);
     reporter.SetErrorStream(&std::cerr);
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.PrintSummary();
+    reporter.PrintSummary(names);
     benchmark::Shutdown();
 
-    impl.reset();
-    libusb_attach_kernel_driver(g_rig.handle, 0);
-    libusb_close(g_rig.handle);
-    libusb_exit(g_rig.context);
+    usb.reset();
+    kernel.reset();
+    close(floorFd);
+    libusb_release_interface(floorHandle, 0);
+    libusb_attach_kernel_driver(floorHandle, 0);
+    libusb_close(floorHandle);
+    libusb_exit(ctx);
     return 0;
 }

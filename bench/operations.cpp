@@ -1,6 +1,10 @@
 #include "operations.h"
 
-#include <array>
+#include <linux/usb/video.h>
+#include <linux/uvcvideo.h>
+#include <sys/ioctl.h>
+
+#include <cerrno>
 #include <cstring>
 
 namespace tarvik::bench {
@@ -15,10 +19,7 @@ constexpr std::uint16_t kUnit = 0x0500;
 constexpr unsigned kTimeoutMs = 5000;
 constexpr unsigned kFrame = 60;
 constexpr unsigned kChunk = 52;  // SAM packet bytes per answer frame
-constexpr std::uint8_t kCardCommand = 3;
 constexpr std::uint8_t kVcmMode = 1;
-
-using Frame = std::array<std::uint8_t, kFrame>;
 
 // The records the write operations send; any content costs the same.
 const _MJPEG_QP_PARAM kQp{{30, 31, 32, 33}};
@@ -34,24 +35,21 @@ HRESULT readInto(HRESULT (TarvikImpl::*member)(Record*), TarvikImpl& impl) {
     return (impl.*member)(&record);
 }
 
+template <std::uint8_t Command>
 HRESULT readCard(TarvikImpl& impl) {
-    _SAM_IN_PARAM in{kCardCommand};
+    _SAM_IN_PARAM in{Command};
     static _SAM_OUT_PARAM out;  // 8 KiB: kept off the stack
     return impl.ReadByExtItem(EXT_ITEM_SAM, &in, &out);
 }
 
-int transfer(libusb_device_handle* h, std::uint8_t type, std::uint8_t request, Frame& f) {
-    return libusb_control_transfer(h, type, request, kChannel, kUnit, f.data(), kFrame, kTimeoutMs);
-}
-
 // A read request: product code in byte 1, the item at bytes 4-7, parameters from byte 8.
-Frame readRequest(std::uint32_t item) {
+Frame readRequest(std::uint32_t item, std::uint8_t samCommand) {
     Frame f{};
     f[1] = 0x10;
     std::memcpy(&f[4], &item, sizeof item);
     if (item == EXT_ITEM_VCM) f[8] = kVcmMode;
     if (item == EXT_ITEM_SAM) {
-        f[8] = kCardCommand;
+        f[8] = samCommand;
         f[12] = 1;
     }
     return f;
@@ -97,12 +95,12 @@ bool moved(int r, int& status) {
     return false;
 }
 
-int floorCardRead(libusb_device_handle* h) {
+int floorCardRead(const FloorRequest& request, std::uint8_t samCommand) {
     int status = 0;
-    Frame f = readRequest(EXT_ITEM_SAM);
-    if (!moved(transfer(h, kRequestOut, kSetCur, f), status)) return status;
+    Frame f = readRequest(EXT_ITEM_SAM, samCommand);
+    if (!moved(request(false, f), status)) return status;
     f.fill(0);
-    if (!moved(transfer(h, kRequestIn, kGetCur, f), status)) return status;
+    if (!moved(request(true, f), status)) return status;
     int transfers = 2;
     static std::array<std::uint8_t, 4096> packet;
     const unsigned total = SamPacketLength(f.data());
@@ -111,7 +109,7 @@ int floorCardRead(libusb_device_handle* h) {
     std::memcpy(packet.data(), &f[8], have);
     while (have < total) {
         f.fill(0);
-        if (!moved(transfer(h, kRequestIn, kGetCur, f), status)) return status;
+        if (!moved(request(true, f), status)) return status;
         ++transfers;
         const unsigned n = total - have < kChunk ? total - have : kChunk;
         std::memcpy(packet.data() + have, &f[8], n);
@@ -159,7 +157,8 @@ const std::vector<Operation>& Operations() {
         {"WriteGpio", Kind::kWrite, EXT_ITEM_GPIO,
          [](TarvikImpl& t) { return t.zq_WriteGpio(kGpio); }},
         {"WriteVCM", Kind::kWrite, EXT_ITEM_VCM, [](TarvikImpl& t) { return t.zq_WriteVCM(kVcm); }},
-        {"ReadCard", Kind::kCardRead, EXT_ITEM_SAM, readCard},
+        {"ReadCard", Kind::kCardRead, EXT_ITEM_SAM, readCard<3>, 3},
+        {"ReadCardThird", Kind::kCardRead, EXT_ITEM_SAM, readCard<4>, 4},
     };
     return ops;
 }
@@ -181,23 +180,39 @@ unsigned SamPacketLength(const std::uint8_t* firstAnswer) {
     return ((static_cast<unsigned>(firstAnswer[8]) << 8) | firstAnswer[9]) + 2u;
 }
 
-int FloorExchange(libusb_device_handle* handle, const Operation& op) {
+FloorRequest UsbFloor(libusb_device_handle* handle) {
+    return [handle](bool in, Frame& f) {
+        return libusb_control_transfer(handle, in ? kRequestIn : kRequestOut,
+                                       in ? kGetCur : kSetCur, kChannel, kUnit, f.data(), kFrame,
+                                       kTimeoutMs);
+    };
+}
+
+FloorRequest KernelFloor(int fd) {
+    return [fd](bool in, Frame& f) {
+        uvc_xu_control_query q{5, 14, static_cast<std::uint8_t>(in ? UVC_GET_CUR : UVC_SET_CUR),
+                               kFrame, f.data()};
+        return ioctl(fd, UVCIOC_CTRL_QUERY, &q) == 0 ? static_cast<int>(kFrame) : -errno;
+    };
+}
+
+int FloorExchange(const FloorRequest& request, const Operation& op) {
     int status = 0;
     switch (op.kind) {
         case Kind::kRead: {
-            Frame f = readRequest(op.item);
-            if (!moved(transfer(handle, kRequestOut, kSetCur, f), status)) return status;
+            Frame f = readRequest(op.item, 0);
+            if (!moved(request(false, f), status)) return status;
             f.fill(0);
-            if (!moved(transfer(handle, kRequestIn, kGetCur, f), status)) return status;
+            if (!moved(request(true, f), status)) return status;
             return 2;
         }
         case Kind::kWrite: {
             Frame f = writeRequest(op.item);
-            if (!moved(transfer(handle, kRequestOut, kSetCur, f), status)) return status;
+            if (!moved(request(false, f), status)) return status;
             return 1;
         }
         case Kind::kCardRead:
-            return floorCardRead(handle);
+            return floorCardRead(request, op.samCommand);
     }
     return LIBUSB_ERROR_INVALID_PARAM;
 }

@@ -5,7 +5,9 @@
 
 #include <libusb.h>
 
+#include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -20,11 +22,23 @@ struct Operation {
     Kind kind;
     std::uint32_t item;                // the extension item on the wire
     HRESULT (*run)(TarvikImpl& impl);  // the library's call, as an application makes it
+    std::uint8_t samCommand = 0;       // card reads: 3, or 4 with the third block
 };
 
-// Every read and write operation that reaches the camera, then the
-// command-3 card read (ReadByExtItem with EXT_ITEM_SAM, as applications call it).
+// Every read and write operation that reaches the camera, then the card reads
+// of commands 3 and 4 (ReadByExtItem with EXT_ITEM_SAM, as applications call it).
 const std::vector<Operation>& Operations();
+
+using Frame = std::array<std::uint8_t, 60>;
+
+// One request of the floor on the transaction channel: SET_CUR (`in` false)
+// or GET_CUR of a whole frame; the bytes moved, or a negative libusb code.
+using FloorRequest = std::function<int(bool in, Frame& frame)>;
+
+// The floor's requests through libusb_control_transfer, and through
+// UVCIOC_CTRL_QUERY on an open capture node.
+FloorRequest UsbFloor(libusb_device_handle* handle);
+FloorRequest KernelFloor(int fd);
 
 // The least number of control transfers the exchange takes: a read 2, a write
 // 1, a SAM packet of `samPacketLength` (T) bytes 2 + ceil((T - 52) / 52).
@@ -33,9 +47,8 @@ unsigned MinimumTransfers(Kind kind, unsigned samPacketLength = 0);
 // The SAM packet length T = dataLen + 2 announced by a first answer frame.
 unsigned SamPacketLength(const std::uint8_t* firstAnswer);
 
-// The floor: the same exchange with nothing but libusb_control_transfer, the
-// frames built by hand. Returns the number of transfers made, or a negative
-// libusb error code.
-int FloorExchange(libusb_device_handle* handle, const Operation& op);
+// The floor: the same exchange with nothing but the bare requests, the frames
+// built by hand. Returns the number of requests made, or a negative libusb code.
+int FloorExchange(const FloorRequest& request, const Operation& op);
 
 }  // namespace tarvik::bench

@@ -2,9 +2,11 @@
 # The benchmark command: installs what is missing, builds a release tree in
 # build/bench and runs
 #   1. the pure-code benchmarks (protocol functions, card text);
-#   2. the device benchmarks: every operation against a bare libusb loop making
-#      the same control transfers, on the simulated camera, with the ratio
-#      library/floor and each operation's transfer count against the minimum;
+#   2. the device benchmarks: every operation, the card reads of commands 3
+#      and 4 among them, against a bare loop making the same requests, on the
+#      simulated camera, on both paths (libusb, and the video driver's
+#      UVCIOC_CTRL_QUERY), with the ratio library/floor and each operation's
+#      request count against the minimum;
 #   3. the library's instructions per operation under callgrind, libusb excluded.
 # Full outputs are kept in build/bench/results/.
 #   scripts/bench.sh           everything (a few minutes on 2 cores)
@@ -62,8 +64,8 @@ echo "== pure code (time per call)"
   --benchmark_out="$results/pure.json" --benchmark_out_format=json 2>/dev/null | tee "$results/pure.txt"
 
 echo
-echo "== device: library against the bare libusb floor, simulated camera"
-echo "   (each control transfer crosses umockdev's emulation; the library's stdout to /dev/null)"
+echo "== device: library against the bare floor, simulated camera, both paths"
+echo "   (each request crosses umockdev's emulation; the library's stdout to /dev/null)"
 umockdev-wrapper "$build/bench/tarvik_bench_device" --benchmark_min_time="$device_time" \
   --benchmark_repetitions="$device_reps" \
   --benchmark_report_aggregates_only=true \
@@ -86,7 +88,7 @@ echo "   $build/sim/tarvik-sim run -- valgrind --tool=callgrind --callgrind-out-
       /^Trigger: Client Request:/ { name = $4; n = substr($5, 2) }
       { v = $1; gsub(",", "", v) }
       / [^ ]*:main \[.*tarvik_bench_instructions\]/ { total = v }
-      /:libusb_control_transfer \[/ { usb += v }
+      /:libusb_(control_transfer|submit_transfer|handle_events_completed|alloc_transfer|free_transfer) \[/ { usb += v }
       /tarvik_log\.cpp:tarvik::LogLine\(/ { print_ += v }
       END { printf "%-20s %12d %12d %16d\n", name, (total - usb) / n, print_ / n, usb / n }'
   done
