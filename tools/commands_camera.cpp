@@ -94,8 +94,11 @@ private:
 
 void AddIdentity(tarvik_camera* c, InfoReport& report) {
     // Each read comes first: the values are formatted after it, not while it is made.
+    int type = 0;
+    int r = tarvik_read_product_type(c, &type);
+    report.Add("product_type", "product type", r, type, std::to_string(type));
     uint8_t version[56] = {};
-    int r = tarvik_read_version(c, version);
+    r = tarvik_read_version(c, version);
     report.Add("version", "version", r, BytesJson(version),
                Printable(version, sizeof version) + "\n" + std::string(18, ' ') +
                    Hex(version, sizeof version));

@@ -119,7 +119,7 @@ if(CASE STREQUAL "info_text")
   # Quiet by default: nothing on stderr.
   tool(0 info)
   expect_err("")
-  expect_match(OUT "^version: +SIMFW 1\\.0\\.0 2024-01-01\\.+\n +53494d465720312e30")
+  expect_match(OUT "^product type: +1\nversion: +SIMFW 1\\.0\\.0 2024-01-01\\.+\n +53494d465720312e30")
   expect_match(OUT "device id: +SIMID-0123456789ABCD \\(53494d49442d")
   expect_match(OUT "device sn: +SN2024SIMCAMERA00042 \\(534e")
   expect_match(OUT "mjpeg qp: +10 20 30 16909060\n")
