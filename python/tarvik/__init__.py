@@ -1,0 +1,87 @@
+"""libTarvik from Python: the dual-eye camera's settings and identity cards.
+
+    import tarvik
+
+    with tarvik.Camera() as cam:
+        cam.roi = (10, 20, 320, 240)
+        card = cam.read_card()
+        print(card.name, card.birth)
+
+The package calls the C interface of libTarvik.so.1 through ctypes: it loads
+the file that TARVIK_LIBRARY names, else libTarvik.so.1 from the loader's path.
+Failures raise TarvikError subclasses that carry the library's result code.
+"""
+from __future__ import annotations
+
+from ._library import lib as _lib
+from .camera import Camera, CameraInfo, Exposure, EyeExposure, list_cameras
+from .card import Card
+from .errors import (
+    AccessDenied,
+    CameraBusy,
+    DeviceGone,
+    InputOutputError,
+    Interrupted,
+    InvalidArgument,
+    InvalidSample,
+    ModesDiffer,
+    NoCamera,
+    NoMemory,
+    NotFound,
+    NotHandled,
+    NotManual,
+    NotOpen,
+    NotProvided,
+    NotSupported,
+    OutOfRange,
+    Overflow,
+    Refused,
+    SamError,
+    ShortTransfer,
+    TarvikError,
+    Timeout,
+    UnknownProduct,
+    strerror,
+)
+from .log import set_log_handler
+
+__all__ = [
+    "AccessDenied",
+    "Camera",
+    "CameraBusy",
+    "CameraInfo",
+    "Card",
+    "DeviceGone",
+    "Exposure",
+    "EyeExposure",
+    "InputOutputError",
+    "Interrupted",
+    "InvalidArgument",
+    "InvalidSample",
+    "ModesDiffer",
+    "NoCamera",
+    "NoMemory",
+    "NotFound",
+    "NotHandled",
+    "NotManual",
+    "NotOpen",
+    "NotProvided",
+    "NotSupported",
+    "OutOfRange",
+    "Overflow",
+    "Refused",
+    "SamError",
+    "ShortTransfer",
+    "TarvikError",
+    "Timeout",
+    "UnknownProduct",
+    "list_cameras",
+    "set_log_handler",
+    "strerror",
+    "version",
+]
+
+
+def version() -> str:
+    """The library's version, e.g. "1.0.0"."""
+    return _lib().tarvik_version().decode()

@@ -1,0 +1,119 @@
+"""libTarvik.so.1 loaded once, with the records and prototypes of tarvik.h."""
+from __future__ import annotations
+
+import ctypes
+import functools
+import os
+from ctypes import POINTER, c_char, c_char_p, c_int, c_size_t, c_uint, c_void_p
+from ctypes import c_int32, c_uint8, c_uint16, c_uint32
+
+LIBRARY_ENV = "TARVIK_LIBRARY"
+LIBRARY_NAME = "libTarvik.so.1"
+
+
+class CameraInfoRecord(ctypes.Structure):
+    _fields_ = [
+        ("bus", c_int),
+        ("address", c_int),
+        ("serial", c_char * 64),
+        ("video_node", c_char * 32),
+    ]
+
+
+class OpenOptionsRecord(ctypes.Structure):
+    _fields_ = [
+        ("bus", c_int),
+        ("address", c_int),
+        ("video_node", c_char_p),
+        ("serial", c_char_p),
+        ("transport", c_int),
+    ]
+
+
+class EyeExposureRecord(ctypes.Structure):
+    _fields_ = [
+        ("time", c_uint32),
+        ("max", c_uint32),
+        ("min", c_uint32),
+        ("extra", c_uint16),
+        ("flags", c_uint8 * 8),
+    ]
+
+
+class ExposureRecord(ctypes.Structure):
+    _fields_ = [("left", EyeExposureRecord), ("right", EyeExposureRecord)]
+
+
+class CardRecord(ctypes.Structure):
+    _fields_ = [
+        ("sam_result", c_int),
+        ("name", c_char * 48),
+        ("sex", c_char * 16),
+        ("sex_code", c_char * 8),
+        ("nation", c_char * 32),
+        ("nation_code", c_char * 8),
+        ("birth", c_char * 32),
+        ("address", c_char * 112),
+        ("id_number", c_char * 64),
+        ("authority", c_char * 48),
+        ("valid_from", c_char * 32),
+        ("valid_to", c_char * 32),
+        ("reserved", c_char * 64),
+        ("photo", c_uint8 * 1024),
+        ("third_block", c_uint8 * 1024),
+        ("has_third_block", c_int),
+    ]
+
+
+LOG_HANDLER = ctypes.CFUNCTYPE(None, c_char_p, c_void_p)
+
+_CAMERA = c_void_p  # tarvik_camera*, opaque
+_I32x4 = c_int32 * 4
+
+# name: (result type, argument types)
+_PROTOTYPES = {
+    "tarvik_list": (c_int, [POINTER(CameraInfoRecord), c_size_t]),
+    "tarvik_default_options": (OpenOptionsRecord, []),
+    "tarvik_open": (c_int, [POINTER(OpenOptionsRecord), POINTER(_CAMERA)]),
+    "tarvik_close": (None, [_CAMERA]),
+    "tarvik_read_version": (c_int, [_CAMERA, POINTER(c_uint8)]),
+    "tarvik_read_mjpeg_qp": (c_int, [_CAMERA, _I32x4]),
+    "tarvik_write_mjpeg_qp": (c_int, [_CAMERA, _I32x4]),
+    "tarvik_read_roi": (c_int, [_CAMERA, _I32x4]),
+    "tarvik_write_roi": (c_int, [_CAMERA, _I32x4]),
+    "tarvik_read_roi_status": (c_int, [_CAMERA, POINTER(c_uint32)]),
+    "tarvik_read_device_id": (c_int, [_CAMERA, POINTER(c_uint8)]),
+    "tarvik_write_device_id": (c_int, [_CAMERA, POINTER(c_uint8)]),
+    "tarvik_read_device_sn": (c_int, [_CAMERA, POINTER(c_uint8)]),
+    "tarvik_write_device_sn": (c_int, [_CAMERA, POINTER(c_uint8)]),
+    "tarvik_write_gpio": (c_int, [_CAMERA, c_int32, c_int32]),
+    "tarvik_read_vcm": (c_int, [_CAMERA, c_int, POINTER(c_uint16)]),
+    "tarvik_write_vcm": (c_int, [_CAMERA, c_int, c_uint16, c_uint8, c_uint8]),
+    "tarvik_read_autofocus_state": (c_int, [_CAMERA, POINTER(c_uint8)]),
+    "tarvik_read_stream_state": (c_int, [_CAMERA, POINTER(c_uint32)]),
+    "tarvik_read_gyro": (c_int, [_CAMERA, POINTER(c_int32), POINTER(c_int32)]),
+    "tarvik_read_exposure": (c_int, [_CAMERA, POINTER(ExposureRecord)]),
+    "tarvik_write_exposure": (c_int, [_CAMERA, POINTER(ExposureRecord)]),
+    "tarvik_read_item": (c_int, [_CAMERA, c_int, c_void_p, c_void_p, c_size_t]),
+    "tarvik_write_item": (c_int, [_CAMERA, c_int, c_void_p, c_size_t]),
+    "tarvik_sam_command": (c_int, [_CAMERA, c_int, POINTER(c_int), POINTER(c_uint8)]),
+    "tarvik_read_card": (c_int, [_CAMERA, POINTER(CardRecord), c_uint]),
+    "tarvik_card_clear": (None, [POINTER(CardRecord)]),
+    "tarvik_strerror": (c_char_p, [c_int]),
+    "tarvik_version": (c_char_p, []),
+    "tarvik_set_log_handler": (None, [LOG_HANDLER, c_void_p]),
+}
+
+
+@functools.lru_cache(maxsize=None)
+def lib() -> ctypes.CDLL:
+    """The library: the file TARVIK_LIBRARY names, else libTarvik.so.1 from the loader's path.
+
+    Loaded on first use, so that importing the package never fails.
+    """
+    handle = ctypes.CDLL(os.environ.get(LIBRARY_ENV) or LIBRARY_NAME)
+    for name, (restype, argtypes) in _PROTOTYPES.items():
+        function = getattr(handle, name)
+        function.restype = restype
+        function.argtypes = argtypes
+    return handle
