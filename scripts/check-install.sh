@@ -6,6 +6,7 @@
 #   - the install says that udev does not read the scratch prefix's rule, and
 #     puts the rule where udev reads it for /usr (staged with DESTDIR);
 #   - the man pages and the bash completion are installed and work;
+#   - the Python package runs examples/read_card.py from the scratch prefix;
 #   - a configure with -DCMAKE_INSTALL_PREFIX=/usr picks Debian's multiarch
 #     library directory and no RPATH (configure only: nothing goes into /usr).
 #   scripts/check-install.sh BUILD_DIR
@@ -20,7 +21,7 @@ passed=0
 cmake --install "$build" --prefix "$prefix" >"$work/install.log" 2>&1 ||
   { cat "$work/install.log" >&2; exit 1; }
 
-# Installed files: SONAME, headers, pkg-config, CMake package, udev rule.
+# Installed files: SONAME, headers, pkg-config, CMake package, udev rule, Python package.
 test -L "$prefix/lib/libTarvik.so.1"
 objdump -p "$prefix/lib/libTarvik.so" | grep -q 'SONAME *libTarvik.so.1'
 for h in libTarvik.h TarvikImpl.h tarvik.h IDCardData.h text_convert.h wNewMutex.h byte_pack.h os_time.h tarvik_export.h; do
@@ -117,4 +118,10 @@ for exe in "$work/read_card_c" "$work/cmake-build/read_card_c"; do
   [ "$(echo "$out" | head -1)" = "name: 张三" ] || { echo "C example failed: $out" >&2; exit 1; }
   passed=$((passed + 1))
 done
+# Python: the installed package, the library through the loader's path.
+package=$(find "$prefix" -path '*/tarvik/__init__.py' -printf '%h\n')
+out=$(LD_LIBRARY_PATH=$prefix/lib PYTHONPATH=$(dirname "$package") "$sim" run -- \
+  python3 examples/read_card.py 2>/dev/null)
+echo "$out" | grep -q '^name: 张三$' || { echo "Python example failed: $out" >&2; exit 1; }
+passed=$((passed + 1))
 echo "install check: $passed passed, 0 failed"
