@@ -1,0 +1,114 @@
+"""The Python binding on the simulated camera (tarvik-sim run, its default camera and card);
+test_no_camera alone under tarvik-sim run --cameras 0."""
+import datetime
+import os
+
+import pytest
+
+import tarvik
+from tarvik._library import lib
+from tarvik.card import date_or_text
+from tarvik.errors import error_for
+
+ROI = (1, -2, 3, 0x7FFFFFFF)
+EXPOSURE = tarvik.Exposure(tarvik.EyeExposure(1, 2, 3, 4, b"\0\0\0\0\1\0\0\0"),
+                           tarvik.EyeExposure(5, 6, 7, 8, bytes(range(8, 16))))
+
+
+@pytest.fixture
+def cam():
+    with tarvik.Camera() as camera:
+        yield camera
+
+
+@pytest.fixture
+def lines():
+    got = []
+    tarvik.set_log_handler(got.append)
+    yield got
+    tarvik.set_log_handler(None)
+
+
+# Valid for life, no such month, digits that are not ASCII ones: the text stays.
+@pytest.mark.parametrize("text", ["长期", "20301301", "１９９００１０１", "2030010", ""])
+def test_dates_parse_where_they_are_dates(text):
+    assert date_or_text(text) == text and date_or_text("19900228") == datetime.date(1990, 2, 28)
+
+
+def test_card_fields_and_the_wiped_record(cam, monkeypatch):
+    wiped, clear = [], lib().tarvik_card_clear
+    monkeypatch.setattr(lib(), "tarvik_card_clear", lambda r: (clear(r), wiped.append(r._obj)))
+    card = cam.read_card()
+    assert (card.name, card.sex, card.sex_code, card.nation, card.nation_code, card.reserved) == (
+        "张三", "男", "1", "汉", "01", "")
+    assert (card.birth, card.valid_from, card.valid_to, card.id_number) == (datetime.date(
+        1990, 1, 1), datetime.date(2020, 1, 1), datetime.date(2030, 1, 1), "000000199001010000")
+    assert len(card.photo) == 1024 and card.third_block is None and card.sam_result == 0
+    assert wiped[0].name == b"" and not any(wiped[0].photo)
+    assert len(cam.read_card(third_block=True).third_block) == 1024
+
+
+@pytest.mark.parametrize("given, stored", [("SIM-7", b"SIM-7" + bytes(15)), (b"\1" * 20, b"\1" * 20)])
+def test_settings_round_trip(cam, given, stored):
+    cam.device_id, cam.roi, cam.exposure = given, ROI, EXPOSURE
+    assert (cam.device_id, cam.roi, cam.exposure) == (stored, ROI, EXPOSURE)
+    assert cam.exposure.left.manual and not cam.exposure.right.manual
+
+
+@pytest.mark.parametrize("bad", ["X" * 21, b"\1" * 21, "é"])
+def test_device_id_refused_before_sending(cam, bad):
+    before = cam.device_id
+    with pytest.raises(tarvik.InvalidArgument):
+        cam.device_id = bad
+    assert cam.device_id == before
+
+
+@pytest.mark.parametrize("code, cls", [(-1010, tarvik.NoCamera), (-4, tarvik.DeviceGone),
+                                       (-2, tarvik.InvalidArgument), (-1012, tarvik.SamError),
+                                       (-99, tarvik.TarvikError)])
+def test_codes_raise_their_class(code, cls):
+    e = error_for(code, sam_result=0x41)
+    assert type(e) is cls and e.code == code and e.message == tarvik.strerror(code)
+    assert getattr(e, "sam_result", 0x41) == 0x41
+
+
+def test_invalid_sam_command(cam):
+    with pytest.raises(tarvik.InvalidArgument) as e:
+        cam.sam_command(5)
+    assert e.value.code == -1001 and e.value.message.startswith("invalid argument")
+    assert cam.sam_command(2) == (0, b"NUM-0123456789AB")
+
+
+def test_closed_once_and_use_after_close(lines):
+    with tarvik.Camera(bus=1, address=2) as camera:
+        pass
+    camera.close()
+    assert sum("release_libusb" in line for line in lines) == 1
+    with pytest.raises(tarvik.NotOpen):
+        camera.roi
+    camera.open()
+    assert camera.roi and camera.streaming is True
+    camera.close()
+
+
+def test_no_camera():
+    assert tarvik.list_cameras() == []
+    with pytest.raises(tarvik.NoCamera) as e:
+        tarvik.Camera()
+    assert e.value.code == -1010 and "no camera" in str(e.value)
+
+
+def test_listed_camera_and_version():
+    assert tarvik.list_cameras() == [tarvik.CameraInfo(1, 2, None, None)]
+    assert tarvik.version() == os.environ["TARVIK_EXPECTED_VERSION"]
+
+
+def test_log_handler(cam, lines, capfd):
+    cam.roi
+    tarvik.set_log_handler(lambda line: 1 / 0)
+    assert cam.roi
+    tarvik.set_log_handler(None)
+    cam.roi
+    out, err = capfd.readouterr()
+    assert lines and all(line.startswith("[File:") and "\n" not in line for line in lines)
+    assert "ZeroDivisionError" in err and "ReadROI" in out
