@@ -7,7 +7,8 @@
 #   - the man pages render; the bash completion completes;
 #   - the examples build against the installed libtarvik-dev, with pkg-config and
 #     with CMake, and read the simulated camera's card through the installed
-#     library, run by the installed tarvik-sim; so does the installed tarvikctl.
+#     library, run by the installed tarvik-sim; so do the installed tarvikctl
+#     and examples/read_card.py with the installed Python package.
 #   scripts/check-packages.sh            (KEEP=1 keeps the work directory)
 # The copy holds the files git knows, committed or not, as they are in the work
 # tree (no build trees). Everything is made under a temporary directory.
@@ -75,12 +76,12 @@ debs=()
 for deb in "$work"/*.deb; do
     case $deb in *-dbgsym_*) ;; *) debs+=("$deb") ;; esac
 done
-[ ${#debs[@]} -eq 3 ] || fail "expected 3 packages, got: ${debs[*]##*/}"
+[ ${#debs[@]} -eq 4 ] || fail "expected 4 packages, got: ${debs[*]##*/}"
 for deb in "${debs[@]}"; do
     version=$(dpkg-deb -f "$deb" Version)
     [ "${version%-*}" = "$project_version" ] || fail "${deb##*/} has version $version"
 done
-pass "3 packages built in $(($(date +%s) - start)) s: $(printf '%s ' "${debs[@]##*/}")"
+pass "4 packages built in $(($(date +%s) - start)) s: $(printf '%s ' "${debs[@]##*/}")"
 
 # --- lintian: no error; warnings and notes are shown ---
 lintian_out=$(lintian --fail-on error --display-info --tag-display-limit 0 "$work"/*.changes 2>&1) ||
@@ -167,5 +168,9 @@ pass "the examples read the card 'name: 张三' through the packaged library and
 out=$("$sim" run -- "$root/usr/bin/tarvikctl" --quiet idcard 2>&1) || fail "tarvikctl idcard: $out"
 echo "$out" | grep -qE '^name: +张三$' || fail "tarvikctl idcard printed: $out"
 pass "the packaged tarvikctl reads the card on the packaged tarvik-sim"
+out=$(PYTHONPATH=$root/usr/lib/python3/dist-packages "$sim" run -- /usr/bin/python3 \
+    "$examples/read_card.py" 2>/dev/null) || fail "read_card.py: $out"
+echo "$out" | grep -qx 'name: 张三' || fail "read_card.py printed: $out"
+pass "read_card.py reads the card through the packaged Python package"
 
 echo "package check: $passed passed, 0 failed"

@@ -13,7 +13,7 @@ packages=(
   valgrind
   usbutils v4l-utils uvcdynctrl
   debhelper dpkg-dev lintian help2man man-db groff-base
-  python3 python3-pytest
+  python3 python3-pytest dh-python
 )
 
 missing=()
