@@ -41,6 +41,7 @@ from .errors import (
     TarvikError,
     Timeout,
     UnknownProduct,
+    result_name,
     strerror,
 )
 from .log import set_log_handler
@@ -76,6 +77,7 @@ __all__ = [
     "Timeout",
     "UnknownProduct",
     "list_cameras",
+    "result_name",
     "set_log_handler",
     "strerror",
     "version",

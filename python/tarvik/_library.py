@@ -76,6 +76,8 @@ _PROTOTYPES = {
     "tarvik_default_options": (OpenOptionsRecord, []),
     "tarvik_open": (c_int, [POINTER(OpenOptionsRecord), POINTER(_CAMERA)]),
     "tarvik_close": (None, [_CAMERA]),
+    "tarvik_describe": (c_int, [_CAMERA, POINTER(CameraInfoRecord), POINTER(c_int)]),
+    "tarvik_read_product_type": (c_int, [_CAMERA, POINTER(c_int)]),
     "tarvik_read_version": (c_int, [_CAMERA, POINTER(c_uint8)]),
     "tarvik_read_mjpeg_qp": (c_int, [_CAMERA, _I32x4]),
     "tarvik_write_mjpeg_qp": (c_int, [_CAMERA, _I32x4]),
@@ -100,6 +102,7 @@ _PROTOTYPES = {
     "tarvik_read_card": (c_int, [_CAMERA, POINTER(CardRecord), c_uint]),
     "tarvik_card_clear": (None, [POINTER(CardRecord)]),
     "tarvik_strerror": (c_char_p, [c_int]),
+    "tarvik_result_name": (c_char_p, [c_int]),
     "tarvik_version": (c_char_p, []),
     "tarvik_set_log_handler": (None, [LOG_HANDLER, c_void_p]),
 }

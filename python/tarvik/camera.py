@@ -16,6 +16,7 @@ T = TypeVar("T")
 Quad = Tuple[int, int, int, int]
 
 _TRANSPORTS = {"auto": 0, "usb": 1, "kernel": 2}
+_TRANSPORT_NAMES = {number: name for name, number in _TRANSPORTS.items()}
 _ID_SIZE = 20
 _CARD_THIRD_BLOCK = 1
 
@@ -30,6 +31,10 @@ class CameraInfo:
     video_node: Optional[str]
 
 
+def _info_of(r: CameraInfoRecord) -> CameraInfo:
+    return CameraInfo(r.bus, r.address, r.serial.decode() or None, r.video_node.decode() or None)
+
+
 def list_cameras() -> List[CameraInfo]:
     """The cameras connected now."""
     records = (CameraInfoRecord * 0)()
@@ -39,10 +44,7 @@ def list_cameras() -> List[CameraInfo]:
         if count <= len(records):
             break
         records = (CameraInfoRecord * count)()  # one came in between: ask again
-    return [
-        CameraInfo(r.bus, r.address, r.serial.decode() or None, r.video_node.decode() or None)
-        for r in records[:count]
-    ]
+    return [_info_of(r) for r in records[:count]]
 
 
 @dataclass(frozen=True)
@@ -107,7 +109,8 @@ class Camera:
     Choose it by ``bus`` and ``address`` (both), by its capture node
     ``video_node`` (kernel path) or by its USB ``serial``; with none, the first
     camera. ``transport`` is "auto", "usb" (the video driver is detached while
-    the camera is open) or "kernel" (video keeps streaming).
+    the camera is open) or "kernel" (video keeps streaming); ``describe()``
+    says which camera and path it got.
 
     Failures raise TarvikError subclasses. Closing twice is harmless; any
     operation after ``close()`` raises NotOpen until ``open()`` opens it again.
@@ -182,7 +185,19 @@ class Camera:
         self._run(function, out)
         return out
 
+    def describe(self) -> Tuple[CameraInfo, str]:
+        """Where the open camera is (serial and capture node as far as known)
+        and the path its requests take: "usb" or "kernel"."""
+        info, transport = CameraInfoRecord(), c_int()
+        self._run("tarvik_describe", byref(info), byref(transport))
+        return _info_of(info), _TRANSPORT_NAMES[transport.value]
+
     # --- settings ---
+    @property
+    def product_type(self) -> int:
+        """The camera's product type."""
+        return self._read("tarvik_read_product_type", c_int()).value
+
     @property
     def version(self) -> bytes:
         """The firmware version: 56 raw bytes."""

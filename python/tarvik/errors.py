@@ -7,17 +7,20 @@ from ._library import lib
 
 
 class TarvikError(Exception):
-    """A call failed. ``code`` is the C interface's result, ``message`` its name
-    (tarvik_strerror), ``detail`` what the binding adds, if anything."""
+    """A call failed. ``code`` is the C interface's result, ``name`` the code's
+    name ("TARVIK_E_SAM", "LIBUSB_ERROR_ACCESS"; tarvik_result_name),
+    ``message`` what it means (tarvik_strerror), ``detail`` what the binding
+    adds, if anything."""
 
     def __init__(self, code: int, message: Optional[str] = None, detail: str = "") -> None:
         self.code = code
+        self.name = result_name(code)
         self.message = message if message is not None else strerror(code)
         self.detail = detail
         super().__init__(code, self.message)
 
     def __str__(self) -> str:
-        text = f"{self.message} ({self.code})"
+        text = f"{self.message} ({self.name}, {self.code})"
         return f"{text}: {self.detail}" if self.detail else text
 
 
@@ -152,8 +155,13 @@ SAM = -1012
 
 
 def strerror(code: int) -> str:
-    """The library's name for a result."""
+    """What a result means, in the library's words."""
     return lib().tarvik_strerror(code).decode("utf-8", "replace")
+
+
+def result_name(code: int) -> str:
+    """The name of a result's code; "UNKNOWN" for a code the library does not know."""
+    return lib().tarvik_result_name(code).decode("ascii", "replace")
 
 
 def error_for(code: int, sam_result: int = 0) -> TarvikError:

@@ -69,13 +69,13 @@ def test_device_id_refused_before_sending(cam, bad):
 def test_codes_raise_their_class(code, cls):
     e = error_for(code, sam_result=0x41)
     assert type(e) is cls and e.code == code and e.message == tarvik.strerror(code)
-    assert getattr(e, "sam_result", 0x41) == 0x41
+    assert getattr(e, "sam_result", 0x41) == 0x41 and e.name == tarvik.result_name(code)
 
 
 def test_invalid_sam_command(cam):
     with pytest.raises(tarvik.InvalidArgument) as e:
         cam.sam_command(5)
-    assert e.value.code == -1001 and e.value.message.startswith("invalid argument")
+    assert (e.value.code, e.value.name) == (-1001, "TARVIK_E_INVALID_ARGUMENT")
     assert cam.sam_command(2) == (0, b"NUM-0123456789AB")
 
 
@@ -98,8 +98,9 @@ def test_no_camera():
     assert e.value.code == -1010 and "no camera" in str(e.value)
 
 
-def test_listed_camera_and_version():
+def test_listed_camera_and_version(cam):
     assert tarvik.list_cameras() == [tarvik.CameraInfo(1, 2, None, None)]
+    assert cam.describe() == (tarvik.CameraInfo(1, 2, None, None), "usb")
     assert tarvik.version() == os.environ["TARVIK_EXPECTED_VERSION"]
 
 
