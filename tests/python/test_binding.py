@@ -1,5 +1,5 @@
 # The Python binding on the simulated camera (tarvik-sim run, its default camera and card);
-# test_no_camera alone under tarvik-sim run --cameras 0.
+# test_no_camera alone under tarvik-sim run --cameras 0, test_no_card under --no-card.
 import datetime
 import os
 
@@ -56,19 +56,15 @@ def test_settings_round_trip(cam, given, stored):
 
 
 @pytest.mark.parametrize("bad", ["X" * 21, b"\1" * 21, "é"])
-def test_device_id_refused_before_sending(cam, bad):
-    before = cam.device_id
+def test_device_id_refused(cam, bad):
     with pytest.raises(tarvik.InvalidArgument):
         cam.device_id = bad
-    assert cam.device_id == before
 
 
-@pytest.mark.parametrize("code, cls", [(-1010, tarvik.NoCamera), (-2, tarvik.InvalidArgument),
-                                       (-1012, tarvik.SamError), (-99, tarvik.TarvikError)])
-def test_codes_raise_their_class(code, cls):
-    e = error_for(code, sam_result=0x41)
-    assert type(e) is cls and e.code == code and e.message == tarvik.strerror(code)
-    assert getattr(e, "sam_result", 0x41) == 0x41 and e.name == tarvik.result_name(code)
+def test_code_without_a_class_raises_the_base_class():
+    e = error_for(-99)
+    assert (type(e), e.code, e.name, e.message) == (
+        tarvik.TarvikError, -99, "LIBUSB_ERROR_OTHER", tarvik.strerror(-99))
 
 
 def test_invalid_sam_command(cam):
@@ -91,10 +87,17 @@ def test_closed_once_and_use_after_close(lines):
 
 def test_no_camera():
     assert tarvik.list_cameras() == []
-    with pytest.raises(tarvik.NoCamera) as e:
+    with pytest.raises(tarvik.NoCamera):
         tarvik.Camera()
-    assert e.value.code == -1010 and "no camera" in str(e.value)
     assert tarvik.version() == os.environ["TARVIK_EXPECTED_VERSION"]
+
+
+def test_no_card(cam):  # status 0x80, result 17 for the SAM
+    with pytest.raises(tarvik.SamError) as card:
+        cam.read_card()
+    with pytest.raises(tarvik.SamError) as command:
+        cam.sam_command(3)
+    assert card.value.sam_result == command.value.sam_result == 17
 
 
 # On the USB path the video driver is detached: the camera has no capture node then.
