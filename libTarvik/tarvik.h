@@ -30,8 +30,7 @@ extern "C" {
 #endif
 
 /* The library's own conditions, apart from libusb's codes. */
-#define TARVIK_E_INVALID_ARGUMENT (-1001) /* a null pointer, a bad size or a command that is none \
-                                           */
+#define TARVIK_E_INVALID_ARGUMENT (-1001) /* a null pointer, a bad size or no such command */
 #define TARVIK_E_NOT_OPEN (-1002)         /* the camera is not open */
 #define TARVIK_E_SHORT_TRANSFER (-1003)   /* the camera moved fewer bytes than asked */
 #define TARVIK_E_NOT_HANDLED (-1004)      /* the item is not read (or written) that way */
