@@ -392,8 +392,7 @@ int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags) {
         tarvik::sam::CardCodes codes;
         _SAM_IN_PARAM in{
             static_cast<unsigned char>(third ? SAM_CMD_READ_CARD_THIRD : SAM_CMD_READ_CARD)};
-        HRESULT hr = tarvik::sam::read_card(t, &in, out.get(), &codes);
-        if (hr != 0) hr = tarvik::sam::read_card_again(t, &in, out.get(), &codes);
+        const HRESULT hr = tarvik::sam::read_card(t, &in, out.get(), &codes);
         card->sam_result = out->result;
         utf8_of(out->name, card->name, sizeof card->name);
         utf8_of(out->sex, card->sex, sizeof card->sex);

@@ -186,16 +186,10 @@ void CardCodes::Wipe() {
 
 HRESULT read_card(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out,
                   CardCodes* codes) {
+    auto* request = const_cast<_SAM_IN_PARAM*>(in);
     t_cardCodes = codes;
-    const HRESULT r = impl.ReadByExtItem(EXT_ITEM_SAM, const_cast<_SAM_IN_PARAM*>(in), out);
-    t_cardCodes = nullptr;
-    return r;
-}
-
-HRESULT read_card_again(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out,
-                        CardCodes* codes) {
-    t_cardCodes = codes;
-    const HRESULT r = impl.RetryReadByExtCmd(EXT_ITEM_SAM, const_cast<_SAM_IN_PARAM*>(in), out);
+    HRESULT r = impl.ReadByExtItem(EXT_ITEM_SAM, request, out);
+    if (r != 0) r = impl.RetryReadByExtCmd(EXT_ITEM_SAM, request, out);
     t_cardCodes = nullptr;
     return r;
 }

@@ -53,14 +53,6 @@ Call Writes(HRESULT (TarvikImpl::*member)(const R&), const R& value) {
     return [member, value](TarvikImpl& t, Bytes&) { return (t.*member)(value); };
 }
 
-template <typename R>
-R Counting(std::uint8_t from) {
-    R r;
-    auto* p = reinterpret_cast<std::uint8_t*>(&r);
-    for (size_t i = 0; i < sizeof r; ++i) p[i] = static_cast<std::uint8_t>(from + i);
-    return r;
-}
-
 const Call kReadVcm = Reads<unsigned short>(
     [](TarvikImpl& t, unsigned short* p) { return t.zq_ReadVCM(static_cast<_VCM_MODE_E>(0x102), p); });
 

@@ -16,14 +16,6 @@ uvc_extDataBlock Block(unsigned char length) {
     return b;
 }
 
-template <typename R>
-R Counting(std::uint8_t from) {
-    R r;
-    auto* p = reinterpret_cast<std::uint8_t*>(&r);
-    for (size_t i = 0; i < sizeof r; ++i) p[i] = static_cast<std::uint8_t>(from + i);
-    return r;
-}
-
 struct WriteCase {
     const char* name;
     int item;

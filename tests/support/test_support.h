@@ -47,6 +47,15 @@ Bytes BytesOf(const T& value) {
     return b;
 }
 
+// A record whose bytes count up from `from`: every field differs from every other.
+template <typename R>
+R Counting(std::uint8_t from) {
+    R r;
+    auto* p = reinterpret_cast<std::uint8_t*>(&r);
+    for (size_t i = 0; i < sizeof r; ++i) p[i] = static_cast<std::uint8_t>(from + i);
+    return r;
+}
+
 // The library's prefixed messages ("\r[File:<path>, Line:<n>] <text>") and its
 // unprefixed lines, in the order printed. A message ends at its first line
 // feed or where the next prefix begins; text after that line feed is a line
