@@ -3,7 +3,7 @@
 # module, a CMake package (Tarvik::Tarvik) and the udev rule.
 include(CMakePackageConfigHelpers)
 
-get_property(_tarvik_public_headers GLOBAL PROPERTY TARVIK_PUBLIC_HEADERS)
+set(_tarvik_public_headers ${TARVIK_PUBLIC_HEADERS})
 set(_tarvik_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Tarvik)
 
 install(TARGETS Tarvik

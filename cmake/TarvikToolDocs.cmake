@@ -18,6 +18,8 @@ if(TARGET tarvikctl)
 endif()
 
 set(_tarvik_docs_dir ${PROJECT_BINARY_DIR}/docs)
+# The rules write into it; Ninja makes an output's folder, Make does not.
+file(MAKE_DIRECTORY ${_tarvik_docs_dir})
 set(_tarvik_docs)
 
 # Both need to run the tools on the build machine.

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "IDCardData.h"
-#include "scripted_camera.h"
+#include "fuzz_check.h"
 #include "text_convert.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -79,9 +79,4 @@ bool Documented(HRESULT r) {
     }
 }
 
-void Fail(const char* condition, const char* file, int line) {
-    std::fprintf(stderr, "\nINVARIANT BROKEN: %s (%s:%d)\n", condition, file, line);
-    std::abort();
-}
-
 }  // namespace tarvik::fuzz

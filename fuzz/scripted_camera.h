@@ -12,6 +12,7 @@
 #include <memory>
 
 #include "TarvikImpl.h"
+#include "fuzz_check.h"
 
 namespace tarvik::fuzz {
 
@@ -22,12 +23,7 @@ std::unique_ptr<TarvikImpl> ScriptedCamera(const std::uint8_t* data, std::size_t
 // codes, a libusb code of the script or a short count.
 bool Documented(HRESULT r);
 
-[[noreturn]] void Fail(const char* condition, const char* file, int line);
-
 }  // namespace tarvik::fuzz
 
-// libFuzzer keeps the input that breaks a check.
-#define FUZZ_CHECK(cond) \
-    ((cond) ? static_cast<void>(0) : ::tarvik::fuzz::Fail(#cond, __FILE__, __LINE__))
 
 #endif

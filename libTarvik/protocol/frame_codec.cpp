@@ -9,7 +9,8 @@
 #include <cstddef>
 #include <cstring>
 
-#include "TarvikImpl.h"
+#include "libTarvik.h"
+#include "tarvik_items.h"
 
 namespace tarvik::frame {
 namespace {

@@ -10,7 +10,8 @@
 #include <string>
 
 #include "IDCardData.h"
-#include "TarvikImpl.h"
+#include "libTarvik.h"
+#include "tarvik_items.h"
 
 namespace tarvik::sam {
 namespace {
