@@ -11,7 +11,10 @@
 #include "TarvikImpl.h"
 #include "call_status.h"
 #include "camera_finder.h"
+#include "item_table.h"
 #include "operation_runner.h"
+#include "result_table.h"
+#include "sam_packet.h"
 #include "sam_channel.h"
 #include "tarvik.h"
 #include "tarvik_log.h"
@@ -24,42 +27,16 @@ struct tarvik_camera {
 
 namespace {
 
-// The C++ members' results, from the layer that made them: a failed transfer
-// gives libusb's code (a short one its own code), the library its conditions.
-int c_result(HRESULT r) {
-    if (r == 0) return 0;
-    if (r == tarvik::last_transfer_failure()) return r < 0 ? r : TARVIK_E_SHORT_TRANSFER;
-    switch (r) {
-        case 1:
-            return TARVIK_E_INVALID_ARGUMENT;
-        case 6:
-        case 11:
-            return TARVIK_E_NOT_OPEN;
-        case 7:
-            return TARVIK_E_NOT_HANDLED;
-        case 13:
-            return TARVIK_E_INVALID_SAMPLE;
-        case -1:
-            return TARVIK_E_UNKNOWN_PRODUCT;
-        case -2:
-            return TARVIK_E_NOT_PROVIDED;
-        case -101:
-            return TARVIK_E_NOT_MANUAL;
-        case -102:
-            return TARVIK_E_OUT_OF_RANGE;
-        case -103:
-            return TARVIK_E_MODES_DIFFER;
-        default:
-            return r < 0 ? r : TARVIK_E_SHORT_TRANSFER;
-    }
-}
-
 // One call on a camera: the arguments checked, the member run, its result mapped.
 template <typename Call>
 int on_camera(tarvik_camera* camera, bool argumentsGiven, Call call) {
     if (camera == nullptr || !argumentsGiven) return TARVIK_E_INVALID_ARGUMENT;
     try {
-        return c_result(call(*camera->impl));
+        // What the transfer layer notes during this call, and nothing before it,
+        // tells a short transfer from the library's own positive results.
+        tarvik::clear_transfer_failure();
+        const HRESULT r = call(*camera->impl);
+        return tarvik::results::from_member(r, tarvik::last_transfer_failure());
     } catch (const std::bad_alloc&) {
         return TARVIK_E_NO_MEMORY;
     }
@@ -98,15 +75,29 @@ int with_sam_verdict(int result, int samCode) {
     return result == 0 && samCode != 0 && samCode != 1 ? TARVIK_E_SAM : result;
 }
 
-// Sizes of the library's records of each extension item.
-size_t read_record_size(int item) {
-    static const size_t sizes[] = {0, 48, 16, 0, 0, 56, 16, 4, 20, 20, 52, 0, 0, 4, 2, 0, 14, 0, 2};
-    return item >= 0 && item < 19 ? sizes[item] : 0;
+// The item's record in one direction, as the C interface takes it: -1 when
+// the item is not read (or written) through tarvik_read_item (or _write_item).
+int c_record_size(const tarvik::items::Item& item, bool write) {
+    if (write) return item.write.handled ? static_cast<int>(item.write.record) : -1;
+    const bool readable = item.read.handled && item.number != EXT_ITEM_SAM;
+    return readable ? static_cast<int>(item.read.record) : -1;
 }
 
-size_t write_record_size(int item) {
-    static const size_t sizes[] = {0, 48, 16, 4, 8, 0, 16, 0, 20, 20, 52, 4, 0, 0, 0, 32, 0, 8, 8};
-    return item >= 0 && item < 19 ? sizes[item] : 0;
+int item_info(const tarvik::items::Item* item, tarvik_item_info* info) {
+    if (item == nullptr || info == nullptr) return TARVIK_E_INVALID_ARGUMENT;
+    *info = tarvik_item_info{static_cast<int>(item->number), item->name,
+                             c_record_size(*item, false), c_record_size(*item, true)};
+    return 0;
+}
+
+// Whether a record of `size` bytes fits the item's in that direction. Items
+// the transaction does not handle that way pass, and get TARVIK_E_NOT_HANDLED.
+bool record_fits(int number, size_t size, bool write) {
+    const tarvik::items::Item* item = tarvik::items::find(static_cast<std::uint32_t>(number));
+    if (item == nullptr) return true;
+    const int want = c_record_size(*item, write);
+    if (want < 0) return true;
+    return write ? size == static_cast<size_t>(want) : size >= static_cast<size_t>(want);
 }
 
 }  // namespace
@@ -350,9 +341,18 @@ int tarvik_write_exposure(tarvik_camera* camera, const tarvik_exposure* exposure
     });
 }
 
+int tarvik_item(int number, tarvik_item_info* info) {
+    return item_info(number < 0 ? nullptr : tarvik::items::find(static_cast<std::uint32_t>(number)),
+                     info);
+}
+
+int tarvik_item_by_name(const char* name, tarvik_item_info* info) {
+    return item_info(tarvik::items::find_named(name), info);
+}
+
 int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* output,
                      size_t size) {
-    const bool given = output != nullptr && size >= read_record_size(item) &&
+    const bool given = output != nullptr && record_fits(item, size, false) &&
                        item != EXT_ITEM_SAM && (item != EXT_ITEM_VCM || input != nullptr);
     return on_camera(camera, given, [&](TarvikImpl& t) {
         const auto it = static_cast<UVC_EXT_ITEM_E>(item);
@@ -363,7 +363,7 @@ int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* o
 
 int tarvik_write_item(tarvik_camera* camera, int item, const void* record, size_t size) {
     return on_camera(
-        camera, record != nullptr && size >= write_record_size(item), [&](TarvikImpl& t) {
+        camera, record != nullptr && record_fits(item, size, true), [&](TarvikImpl& t) {
             return t.WriteByExtItem(static_cast<UVC_EXT_ITEM_E>(item), const_cast<void*>(record));
         });
 }
@@ -418,6 +418,11 @@ int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags) {
 
 void tarvik_card_clear(tarvik_card* card) {
     if (card != nullptr) explicit_bzero(card, sizeof *card);
+}
+
+const char* tarvik_sam_strerror(int samResult) {
+    const char* text = tarvik::sam::code_text(samResult);
+    return text != nullptr ? text : "unknown SAM code";
 }
 
 const char* tarvik_version(void) { return TARVIK_VERSION; }

@@ -8,7 +8,6 @@
 
 #include "commands.h"
 #include "open_failure.h"
-#include "result_names.h"
 #include "text_format.h"
 #include "value_parse.h"
 

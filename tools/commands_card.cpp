@@ -8,7 +8,6 @@
 #include <memory>
 
 #include "commands.h"
-#include "result_names.h"
 #include "text_format.h"
 #include "value_parse.h"
 
@@ -81,7 +80,7 @@ void WritePrivate(const std::string& path, const uint8_t* bytes, size_t count) {
     const int error = errno;
     if (fd >= 0 && ::close(fd) != 0 && ok) ok = false;
     if (!ok) {
-        throw ToolError(kExitFailed, kResultOther,
+        throw ToolError(kExitFailed, TARVIK_LIBUSB_ERROR_OTHER,
                         "cannot write " + path + ": " + std::strerror(ok ? errno : error));
     }
 }

@@ -16,8 +16,8 @@ std::string What(const char* verb, const ItemInfo& item) {
     return std::string("item ") + verb + " " + std::to_string(item.number);
 }
 
-DataBlockRecord Block(const ItemRequest& r) {
-    DataBlockRecord block{};
+tarvik_data_block Block(const ItemRequest& r) {
+    tarvik_data_block block{};
     block.target = r.target;
     block.length = r.length;
     block.offset = r.offset;
@@ -28,7 +28,7 @@ DataBlockRecord Block(const ItemRequest& r) {
 std::vector<uint8_t> ReadBytes(tarvik_camera* camera, const ItemRequest& r) {
     const ItemInfo& item = *r.item;
     if (item.number == kDataBlockItem) {
-        DataBlockRecord block = Block(r);
+        tarvik_data_block block = Block(r);
         Check(tarvik_read_item(camera, item.number, nullptr, &block, sizeof block),
               What("read", item));
         return std::vector<uint8_t>(block.data, block.data + r.length);
@@ -74,13 +74,13 @@ int RunItemWrite(Session& session, const ItemOptions& options) {
     const ItemInfo& item = *r.item;
     int result = 0;
     if (item.number == kDataBlockItem) {
-        const DataBlockRecord block = Block(r);
+        const tarvik_data_block block = Block(r);
         result = tarvik_write_item(session.Camera(), item.number, &block, sizeof block);
     } else {
         RecordBuffer record;
         FillRecord(item, r.bytes, record);
-        result =
-            tarvik_write_item(session.Camera(), item.number, record.bytes, sizeof record.bytes);
+        result = tarvik_write_item(session.Camera(), item.number, record.bytes,
+                                   static_cast<size_t>(item.record.write_size));
     }
     Check(result, What("write", item));
     session.Out().Ok(ItemJson(item), "");

@@ -1,7 +1,6 @@
 // get, set and exposure.
 #include "commands.h"
 #include "exposure_block.h"
-#include "result_names.h"
 #include "text_format.h"
 #include "value_parse.h"
 

@@ -15,31 +15,29 @@ constexpr int kEtBlockWire = 22;  // three 32-bit, one 16-bit and eight single b
 constexpr int kEtBytes = 2 * kEtBlockWire;
 
 static_assert(sizeof(tarvik_exposure) <= sizeof(RecordBuffer::bytes));
-static_assert(sizeof(DataBlockRecord) == 52);
 static_assert(offsetof(tarvik_eye_exposure, flags) + 8 == kEtBlockWire);
 
-// The library's record sizes: the version block is 56 bytes, the LED record eight
-// 32-bit fields, a lens-motor write two bytes, a 16-bit value and a 32-bit mode.
-const std::vector<ItemInfo> kItems = {
-    {1, "et", kEtBytes, kEtBytes},
-    {2, "mjpeg-qp", 16, 16},
-    {3, "beep", -1, 4},
-    {4, "status-led", -1, 8},
-    {5, "version", 56, -1},
-    {6, "roi", 16, 16},
-    {7, "roi-status", 4, -1},
-    {8, "device-sn", 20, 20},
-    {9, "device-id", 20, 20},
-    {kDataBlockItem, "data-block", kDataBlockMax, kDataBlockMax},
-    {11, "uvc-mode", -1, 4},
-    {kSamItem, "sam", -1, 0},
-    {13, "stream-state", 4, -1},
-    {14, "last-id", 2, -1},
-    {15, "led", -1, 32},
-    {16, "gyro", 14, -1},
-    {17, "gpio", -1, 8},
-    {kVcmItem, "vcm", 2, 8},
-};
+// The hex bytes a user reads and types for a record of `size` bytes: the exposure
+// block without its alignment padding, the data block's data alone.
+int HexBytes(int number, int size) {
+    if (size < 0) return -1;
+    if (number == kExposureItem) return kEtBytes;
+    if (number == kDataBlockItem) return static_cast<int>(kDataBlockMax);
+    return size;
+}
+
+std::vector<ItemInfo> LibraryItems() {
+    std::vector<ItemInfo> items;
+    tarvik_item_info info;
+    for (int n = 1; tarvik_item(n, &info) == 0; ++n) {
+        // The SAM item is read with the sam and idcard commands, written as a bare header.
+        items.push_back(ItemInfo{n, info.name, HexBytes(n, info.read_size),
+                                 HexBytes(n, info.write_size), info});
+    }
+    return items;
+}
+
+const std::vector<ItemInfo> kItems = LibraryItems();
 
 // Where the user's bytes sit in the record: one span, or the two eye blocks.
 struct Span {
@@ -104,7 +102,7 @@ std::string Listing(bool write) {
     std::string out;
     for (const ItemInfo& item : kItems) {
         const int size = write ? item.writeBytes : item.readBytes;
-        if (size < 0 || (!write && item.number == kSamItem)) continue;
+        if (size < 0) continue;
         out += (out.empty() ? "" : ", ") + std::to_string(item.number) + " " + item.name;
     }
     return out;

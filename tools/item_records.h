@@ -3,6 +3,8 @@
 // the hex bytes the user reads and types.
 #pragma once
 
+#include <tarvik.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -17,6 +19,7 @@ struct ItemInfo {
     // block (10) reads and writes up to 48 data bytes chosen by options instead.
     int readBytes;
     int writeBytes;
+    tarvik_item_info record;  // the library's record of the item
 };
 
 constexpr int kExposureItem = 1;
@@ -25,20 +28,11 @@ constexpr int kSamItem = 12;
 constexpr int kVcmItem = 18;
 constexpr size_t kDataBlockMax = 48;
 
-// Every item 1-18, in number order.
+// Every item the library knows, in number order.
 const std::vector<ItemInfo>& Items();
 
 // An item by number ("6") or name ("roi"). Throws ValueError for anything else.
 const ItemInfo& FindItem(const std::string& numberOrName);
-
-// The library's record of the data block (item 10), in and out. tarvik.h names the
-// record but does not define it; this is its layout.
-struct DataBlockRecord {
-    uint8_t target;   // addressing byte, forwarded unchanged
-    uint8_t length;   // data bytes wanted or sent
-    uint16_t offset;  // addressing value, forwarded unchanged
-    uint8_t data[48];
-};
 
 // Room for any item's record, suitably aligned.
 struct RecordBuffer {

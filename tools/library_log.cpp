@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "reply.h"
-#include "result_names.h"
 
 namespace tarvikctl {
 

@@ -9,7 +9,6 @@
 
 #include "cli.h"
 #include "library_log.h"
-#include "result_names.h"
 #include "simulate.h"
 #include "value_parse.h"
 

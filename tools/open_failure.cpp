@@ -4,7 +4,6 @@
 #include <optional>
 #include <string>
 
-#include "result_names.h"
 
 namespace tarvikctl {
 
@@ -84,16 +83,16 @@ std::string Explain(int result, const Selection& s) {
     if (result == TARVIK_E_NO_CAMERA || !chosen) return NotFound(cameras, s, chosen);
     const std::string node = !s.video.empty() ? s.video : std::string(chosen->video_node);
     switch (result) {
-        case -3:  // LIBUSB_ERROR_ACCESS
+        case TARVIK_LIBUSB_ERROR_ACCESS:
             return KernelPath(s) ? "permission denied on " + node + ": join the video group"
                                  : "permission denied on " + UsbNode(*chosen) +
                                        ": install the udev rule (or join plugdev), see README";
-        case -6:  // LIBUSB_ERROR_BUSY
+        case TARVIK_LIBUSB_ERROR_BUSY:
             return Where(*chosen) + " is in use by another program" +
                    (KernelPath(s) ? std::string()
                                   : "; the kernel path (--transport kernel) lets several "
                                     "programs share the camera");
-        case -4:  // LIBUSB_ERROR_NO_DEVICE
+        case TARVIK_LIBUSB_ERROR_NO_DEVICE:
             return Where(*chosen) + " is gone (unplugged while it was being opened)";
         default:
             return "cannot open " + Where(*chosen) + ": " + DescribeResult(result);

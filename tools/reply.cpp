@@ -1,10 +1,10 @@
 #include "reply.h"
 
+#include <tarvik.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-
-#include "result_names.h"
 
 namespace tarvikctl {
 
@@ -22,9 +22,17 @@ Json Success(const Json& fields) {
 
 }  // namespace
 
+std::string DescribeResult(int result) {
+    return "result " + std::to_string(result) + ": " + tarvik_strerror(result);
+}
+
+std::string DescribeSamCode(int code) {
+    return std::to_string(code) + " (" + tarvik_sam_strerror(code) + ")";
+}
+
 Json ErrorJson(int result, const std::string& message, const Json& context) {
     Json out{
-        {"ok", false}, {"result", result}, {"error", ResultName(result)}, {"message", message}};
+        {"ok", false}, {"result", result}, {"error", tarvik_result_name(result)}, {"message", message}};
     out.update(context);
     return out;
 }
@@ -64,7 +72,7 @@ void Reply::Write(const std::string& text) {
     const int error = errno;
     std::clearerr(stdout);
     if (error == EPIPE) throw OutputClosed{};
-    throw ToolError(kExitFailed, kResultOther,
+    throw ToolError(kExitFailed, TARVIK_LIBUSB_ERROR_OTHER,
                     std::string("cannot write the standard output: ") + std::strerror(error));
 }
 

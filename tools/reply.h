@@ -65,6 +65,12 @@ private:
     bool m_json;
 };
 
+// "result -7: the camera did not answer in time (LIBUSB_ERROR_TIMEOUT)".
+std::string DescribeResult(int result);
+
+// "17 (no card on the reader (status 0x80))".
+std::string DescribeSamCode(int code);
+
 // {"ok":false,"result":r,"error":<name>,"message":m} and the context's fields.
 Json ErrorJson(int result, const std::string& message, const Json& context = Json::object());
 

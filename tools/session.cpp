@@ -1,7 +1,6 @@
 #include "session.h"
 
 #include "open_failure.h"
-#include "result_names.h"
 
 namespace tarvikctl {
 

@@ -12,8 +12,9 @@
  *     }
  *
  * Every function returns an int that means one thing: 0 success, libusb's
- * negative codes (-1 to -12, -99) as they are, or one of the TARVIK_E_ codes
- * below. tarvik_strerror names each. A camera may be used from several
+ * negative codes (TARVIK_LIBUSB_ERROR_*, the same numbers as libusb's own), or
+ * one of the TARVIK_E_ codes below. tarvik_result_name and tarvik_strerror
+ * name and word each; a code they do not know is "UNKNOWN". A camera may be used from several
  * threads at once; each call is whole. Text is UTF-8. The library's log lines
  * go to standard output unless TARVIK_LOG=stderr|off or a log handler says
  * otherwise. */
@@ -29,6 +30,22 @@
 extern "C" {
 #endif
 
+/* libusb's codes, as a transfer or an open gives them; the names are those
+ * tarvik_result_name gives without the TARVIK_ prefix. */
+#define TARVIK_LIBUSB_ERROR_IO (-1) /* on the USB path also: another program holds the camera */
+#define TARVIK_LIBUSB_ERROR_INVALID_PARAM (-2)
+#define TARVIK_LIBUSB_ERROR_ACCESS (-3)    /* no permission for the camera's node */
+#define TARVIK_LIBUSB_ERROR_NO_DEVICE (-4) /* the camera is gone */
+#define TARVIK_LIBUSB_ERROR_NOT_FOUND (-5)
+#define TARVIK_LIBUSB_ERROR_BUSY (-6)    /* another program holds the camera */
+#define TARVIK_LIBUSB_ERROR_TIMEOUT (-7) /* the camera did not answer within 5 s */
+#define TARVIK_LIBUSB_ERROR_OVERFLOW (-8)
+#define TARVIK_LIBUSB_ERROR_PIPE (-9) /* the camera refused the request */
+#define TARVIK_LIBUSB_ERROR_INTERRUPTED (-10)
+#define TARVIK_LIBUSB_ERROR_NO_MEM (-11)
+#define TARVIK_LIBUSB_ERROR_NOT_SUPPORTED (-12) /* the video driver refused the query */
+#define TARVIK_LIBUSB_ERROR_OTHER (-99)
+
 /* The library's own conditions, apart from libusb's codes. */
 #define TARVIK_E_INVALID_ARGUMENT (-1001) /* a null pointer, a bad size or no such command */
 #define TARVIK_E_NOT_OPEN (-1002)         /* the camera is not open */
@@ -43,6 +60,7 @@ extern "C" {
 #define TARVIK_E_UNKNOWN_PRODUCT (-1011)  /* the product type is unknown */
 #define TARVIK_E_SAM (-1012)              /* the SAM refused or failed; its code is in the record */
 #define TARVIK_E_NO_MEMORY (-1013)        /* out of memory */
+#define TARVIK_E_UNKNOWN (-1014)          /* a condition this interface does not know */
 
 typedef struct tarvik_camera tarvik_camera;
 
@@ -133,9 +151,24 @@ typedef struct {
     uint8_t data[48];
 } tarvik_data_block;
 
+/* The extension items by number and by name, as tarvikctl and the service
+ * name them ("roi", "device-sn", "data-block"). */
+typedef struct {
+    int number;       /* 1-18 */
+    const char* name; /* static text */
+    int read_size;    /* the record tarvik_read_item fills; -1: not read that way */
+    int write_size;   /* the record tarvik_write_item takes; -1: not written */
+} tarvik_item_info;
+
+/* 0 and *info filled, or TARVIK_E_INVALID_ARGUMENT for no such item. */
+TARVIK_API int tarvik_item(int number, tarvik_item_info* info);
+TARVIK_API int tarvik_item_by_name(const char* name, tarvik_item_info* info);
+
 /* Any extension item, with the library's record of the item (item 10: a
- * tarvik_data_block, both in and out; item 18: `input` holds the mode). `size`
- * is the room in `output` (reads) or the record's size (writes). */
+ * tarvik_data_block, both in and out; item 18: `input` holds the mode).
+ * `size` is the room in `output` for a read, at least the item's read_size;
+ * a write's `size` is exactly the item's write_size. Item 12 is read with
+ * tarvik_sam_command and tarvik_read_card. */
 TARVIK_API int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* output,
                                 size_t size);
 TARVIK_API int tarvik_write_item(tarvik_camera* camera, int item, const void* record, size_t size);
@@ -179,6 +212,8 @@ TARVIK_API void tarvik_card_clear(tarvik_card* card);
 TARVIK_API const char* tarvik_strerror(int result);
 /* The code's name ("LIBUSB_ERROR_ACCESS", "TARVIK_E_SAM", "SUCCESS"), "UNKNOWN" for none. */
 TARVIK_API const char* tarvik_result_name(int result);
+/* What a SAM code (tarvik_card.sam_result) means; "unknown SAM code" for none. */
+TARVIK_API const char* tarvik_sam_strerror(int sam_result);
 TARVIK_API const char* tarvik_version(void);
 
 /* Each log line of the library (without its leading carriage return and its

@@ -16,6 +16,17 @@ constexpr unsigned kGyroRawSize = 14;   // raw gyro sample delivered by item 16
 
 using Frame = std::array<std::uint8_t, kFrameSize>;
 
+// `width` little-endian bytes of `v` at frame byte `at`, and back.
+inline void put_le(Frame& f, unsigned at, std::uint32_t v, unsigned width) {
+    for (unsigned i = 0; i < width; ++i) f[at + i] = static_cast<std::uint8_t>(v >> (8 * i));
+}
+
+inline std::uint32_t get_le(const Frame& f, unsigned at, unsigned width) {
+    std::uint32_t v = 0;
+    for (unsigned i = 0; i < width; ++i) v |= static_cast<std::uint32_t>(f[at + i]) << (8 * i);
+    return v;
+}
+
 // Which caller records a read of `item` requires (checked before anything is sent).
 struct ReadRecords {
     bool output;

@@ -63,17 +63,39 @@ void copy_wide(const std::wstring& from, wchar_t (&to)[N]) {
 struct CodeRow {
     std::uint8_t sw3;
     int code;
+    const char* text;
 };
 
 // These sw3 values decide the code whatever sw1 and sw2 hold.
 constexpr CodeRow kCodesBySw3Alone[] = {
-    {0x31, 7}, {0x32, 8}, {0x40, 12}, {0x41, 13}, {0x47, 14}, {0x81, 18},
+    {0x31, 7, "the SAM answered status 0x31"},  {0x32, 8, "the SAM answered status 0x32"},
+    {0x40, 12, "the SAM answered status 0x40"}, {0x41, 13, "the SAM answered status 0x41"},
+    {0x47, 14, "the SAM answered status 0x47"}, {0x81, 18, "the SAM answered status 0x81"},
 };
 
 // The others count only with sw1 and sw2 both zero.
 constexpr CodeRow kCodesWithCleanSw12[] = {
-    {0x90, 0}, {0x9F, 1}, {0x10, 2},  {0x11, 3},  {0x21, 4},  {0x23, 5},
-    {0x24, 6}, {0x33, 9}, {0x60, 15}, {0x66, 16}, {0x80, 17}, {0x91, 19},
+    {0x90, 0, "success"},
+    {0x9F, 1, "success (status 0x9F)"},
+    {0x10, 2,
+     "the data can't be trusted (status 0x10, a checksum that does not match, or an answer "
+     "that breaks the packet's rules)"},
+    {0x11, 3, "the SAM answered status 0x11"},
+    {0x21, 4, "the SAM answered status 0x21"},
+    {0x23, 5, "the SAM answered status 0x23"},
+    {0x24, 6, "the SAM answered status 0x24"},
+    {0x33, 9, "the SAM answered status 0x33"},
+    {0x60, 15, "the SAM answered status 0x60"},
+    {0x66, 16, "the SAM answered status 0x66"},
+    {0x80, 17, "no card on the reader (status 0x80)"},
+    {0x91, 19, "the SAM answered status 0x91"},
+};
+
+// Codes the library sets itself, with no status bytes behind them.
+constexpr CodeRow kCodesOfTheLibrary[] = {
+    {0, -1, "an unknown SAM status, or the camera reported a failure"},
+    {0, -2, "an answer frame of the SAM packet was lost"},
+    {0, -3, "the camera reported the SAM busy and sent no packet"},
 };
 
 constexpr int kUnknownResponse = -1;
@@ -88,6 +110,14 @@ template <std::size_t N>
 const CodeRow* find_code(const CodeRow (&table)[N], std::uint8_t sw3) {
     for (const CodeRow& row : table) {
         if (row.sw3 == sw3) return &row;
+    }
+    return nullptr;
+}
+
+template <std::size_t N>
+const CodeRow* find_by_code(const CodeRow (&table)[N], int code) {
+    for (const CodeRow& row : table) {
+        if (row.code == code) return &row;
     }
     return nullptr;
 }
@@ -184,6 +214,14 @@ void copy_card_fields(const IDCardData& card, _SAM_OUT_PARAM* out) {
 }
 
 }  // namespace tarvik::sam
+
+const char* tarvik::sam::code_text(int code) {
+    using namespace tarvik::sam;
+    if (const CodeRow* row = find_by_code(kCodesWithCleanSw12, code)) return row->text;
+    if (const CodeRow* row = find_by_code(kCodesBySw3Alone, code)) return row->text;
+    if (const CodeRow* row = find_by_code(kCodesOfTheLibrary, code)) return row->text;
+    return nullptr;
+}
 
 int GetSAMResponseCode(unsigned char sw1, unsigned char sw2, unsigned char sw3) {
     using namespace tarvik::sam;

@@ -90,6 +90,10 @@ void copy_card_blocks(unsigned cmd, const std::vector<std::uint8_t>& packet,
 // wide arrays; a value longer than its field is cut to fit.
 void copy_card_fields(const IDCardData& card, _SAM_OUT_PARAM* out);
 
+// What a SAM code (the record's `result`) means, from the status table and
+// the codes the library sets itself; null for a code that means nothing.
+const char* code_text(int code);
+
 }  // namespace tarvik::sam
 
 #endif

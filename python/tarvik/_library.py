@@ -103,6 +103,7 @@ _PROTOTYPES = {
     "tarvik_card_clear": (None, [POINTER(CardRecord)]),
     "tarvik_strerror": (c_char_p, [c_int]),
     "tarvik_result_name": (c_char_p, [c_int]),
+    "tarvik_sam_strerror": (c_char_p, [c_int]),
     "tarvik_version": (c_char_p, []),
     "tarvik_set_log_handler": (None, [LOG_HANDLER, c_void_p]),
 }

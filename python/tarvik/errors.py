@@ -1,7 +1,7 @@
 """The library's results as exceptions: one class per condition, each carrying its code."""
 from __future__ import annotations
 
-from typing import Dict, Optional, Type
+from typing import Dict, Optional, Tuple, Type
 
 from ._library import lib
 
@@ -10,7 +10,9 @@ class TarvikError(Exception):
     """A call failed. ``code`` is the C interface's result, ``name`` the code's
     name ("TARVIK_E_SAM", "LIBUSB_ERROR_ACCESS"; tarvik_result_name),
     ``message`` what it means (tarvik_strerror), ``detail`` what the binding
-    adds, if anything."""
+    adds, if anything. A subclass stands for the result names in ``results``."""
+
+    results: Tuple[str, ...] = ()
 
     def __init__(self, code: int, message: Optional[str] = None, detail: str = "") -> None:
         self.code = code
@@ -27,131 +29,160 @@ class TarvikError(Exception):
 class InputOutputError(TarvikError):
     """Input/output error; on the USB path also a camera in use by another program."""
 
+    results = ("LIBUSB_ERROR_IO",)
+
 
 class InvalidArgument(TarvikError, ValueError):
     """A bad argument: nothing was sent to the camera."""
+
+    results = ("TARVIK_E_INVALID_ARGUMENT", "LIBUSB_ERROR_INVALID_PARAM")
 
 
 class AccessDenied(TarvikError, PermissionError):
     """No permission for the camera: install the udev rule, or join plugdev or video."""
 
+    results = ("LIBUSB_ERROR_ACCESS",)
+
 
 class DeviceGone(TarvikError):
     """The camera was unplugged."""
+
+    results = ("LIBUSB_ERROR_NO_DEVICE",)
 
 
 class NotFound(TarvikError):
     """An entity the call needed was not found."""
 
+    results = ("LIBUSB_ERROR_NOT_FOUND",)
+
 
 class CameraBusy(TarvikError):
     """Another program holds the camera."""
+
+    results = ("LIBUSB_ERROR_BUSY",)
 
 
 class Timeout(TarvikError, TimeoutError):
     """The camera did not answer in time."""
 
+    results = ("LIBUSB_ERROR_TIMEOUT",)
+
 
 class Overflow(TarvikError):
     """The camera sent more than asked."""
+
+    results = ("LIBUSB_ERROR_OVERFLOW",)
 
 
 class Refused(TarvikError):
     """The camera refused the request (a stalled control transfer)."""
 
+    results = ("LIBUSB_ERROR_PIPE",)
+
 
 class Interrupted(TarvikError):
     """The call was interrupted."""
+
+    results = ("LIBUSB_ERROR_INTERRUPTED",)
 
 
 class NoMemory(TarvikError, MemoryError):
     """Out of memory."""
 
+    results = ("TARVIK_E_NO_MEMORY", "LIBUSB_ERROR_NO_MEM")
+
 
 class NotSupported(TarvikError):
     """Not supported; on the kernel path the video driver refused the query."""
+
+    results = ("LIBUSB_ERROR_NOT_SUPPORTED",)
 
 
 class NotOpen(TarvikError):
     """The camera is not open (or was closed)."""
 
+    results = ("TARVIK_E_NOT_OPEN",)
+
 
 class ShortTransfer(TarvikError):
     """The camera moved fewer bytes than asked."""
+
+    results = ("TARVIK_E_SHORT_TRANSFER",)
 
 
 class NotHandled(TarvikError):
     """The item is not read (or written) that way."""
 
+    results = ("TARVIK_E_NOT_HANDLED",)
+
 
 class InvalidSample(TarvikError):
     """The gyroscope answered an all-zero sample."""
+
+    results = ("TARVIK_E_INVALID_SAMPLE",)
 
 
 class NotProvided(TarvikError):
     """Not provided by this camera's library."""
 
+    results = ("TARVIK_E_NOT_PROVIDED",)
+
 
 class NotManual(TarvikError):
     """An eye is not in manual exposure mode."""
+
+    results = ("TARVIK_E_NOT_MANUAL",)
 
 
 class OutOfRange(TarvikError):
     """An exposure time is outside its eye's range."""
 
+    results = ("TARVIK_E_OUT_OF_RANGE",)
+
 
 class ModesDiffer(TarvikError):
     """The two eyes' exposure modes differ."""
+
+    results = ("TARVIK_E_MODES_DIFFER",)
 
 
 class NoCamera(TarvikError):
     """No camera found, or it could not be opened."""
 
+    results = ("TARVIK_E_NO_CAMERA",)
+
 
 class UnknownProduct(TarvikError):
     """The camera's product type is unknown."""
+
+    results = ("TARVIK_E_UNKNOWN_PRODUCT",)
 
 
 class SamError(TarvikError):
     """The SAM refused or failed (no card on the reader, say); ``sam_result`` is its own code."""
 
+    results = ("TARVIK_E_SAM",)
+
     def __init__(self, code: int, message: Optional[str] = None, sam_result: int = 0) -> None:
-        super().__init__(code, message, f"SAM code {sam_result}")
+        meaning = lib().tarvik_sam_strerror(sam_result).decode("utf-8", "replace")
+        super().__init__(code, message, f"SAM code {sam_result}: {meaning}")
         self.sam_result = sam_result
 
 
-# Results of tarvik.h: libusb's codes as they are, then the TARVIK_E_ codes.
-_CLASSES: Dict[int, Type[TarvikError]] = {
-    -1: InputOutputError,
-    -2: InvalidArgument,
-    -3: AccessDenied,
-    -4: DeviceGone,
-    -5: NotFound,
-    -6: CameraBusy,
-    -7: Timeout,
-    -8: Overflow,
-    -9: Refused,
-    -10: Interrupted,
-    -11: NoMemory,
-    -12: NotSupported,
-    -1001: InvalidArgument,
-    -1002: NotOpen,
-    -1003: ShortTransfer,
-    -1004: NotHandled,
-    -1005: InvalidSample,
-    -1006: NotProvided,
-    -1007: NotManual,
-    -1008: OutOfRange,
-    -1009: ModesDiffer,
-    -1010: NoCamera,
-    -1011: UnknownProduct,
-    -1012: SamError,
-    -1013: NoMemory,
-}
+# What the binding refuses itself, before any call, carries these codes of tarvik.h.
+INVALID_ARGUMENT = -1001  # TARVIK_E_INVALID_ARGUMENT
+NOT_OPEN = -1002  # TARVIK_E_NOT_OPEN
 
-INVALID_ARGUMENT = -1001
-NOT_OPEN = -1002
-SAM = -1012
+
+def _by_name() -> Dict[str, Type[TarvikError]]:
+    """Every exception class by the result names it stands for."""
+    found: Dict[str, Type[TarvikError]] = {}
+    pending = list(TarvikError.__subclasses__())
+    while pending:
+        cls = pending.pop()
+        found.update({name: cls for name in cls.results})
+        pending.extend(cls.__subclasses__())
+    return found
 
 
 def strerror(code: int) -> str:
@@ -165,8 +196,9 @@ def result_name(code: int) -> str:
 
 
 def error_for(code: int, sam_result: int = 0) -> TarvikError:
-    """The exception for a failed result; codes the table lacks give the base class."""
-    cls = _CLASSES.get(code, TarvikError)
+    """The exception for a failed result, by the name the library gives its code;
+    a code without a class of its own gives the base class."""
+    cls = _by_name().get(result_name(code), TarvikError)
     if cls is SamError:
         return SamError(code, sam_result=sam_result)
     return cls(code)
