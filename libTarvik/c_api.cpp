@@ -11,6 +11,7 @@
 #include "TarvikImpl.h"
 #include "call_status.h"
 #include "camera_finder.h"
+#include "camera_opener.h"
 #include "item_table.h"
 #include "operation_runner.h"
 #include "result_table.h"
@@ -130,35 +131,25 @@ int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
     if (camera == nullptr) return TARVIK_E_INVALID_ARGUMENT;
     *camera = nullptr;
     const tarvik_open_options o = options != nullptr ? *options : tarvik_default_options();
-    int bus = o.bus;
-    int address = o.address;
-    if (o.serial != nullptr) {
-        bus = 0;
-        for (const tarvik::UsbCamera& c : tarvik::find_cameras()) {
-            if (c.serial == o.serial) {
-                bus = c.bus;
-                address = c.address;
-                break;
-            }
-        }
-        if (bus == 0) return TARVIK_E_NO_CAMERA;
-    }
+    // Read as an integer: a value outside the enumeration is the caller's mistake.
+    int transport;
+    std::memcpy(&transport, &o.transport, sizeof transport);
     static const tarvik::Choice kChoices[] = {tarvik::Choice::kAuto, tarvik::Choice::kUsb,
                                               tarvik::Choice::kKernel};
-    if (o.transport < TARVIK_TRANSPORT_AUTO || o.transport > TARVIK_TRANSPORT_KERNEL) {
+    if (transport < TARVIK_TRANSPORT_AUTO || transport > TARVIK_TRANSPORT_KERNEL) {
         return TARVIK_E_INVALID_ARGUMENT;
     }
     try {
+        tarvik::CameraTarget target;
+        target.bus = o.bus;
+        target.address = o.address;
+        target.videoNode = o.video_node != nullptr ? o.video_node : "";
+        target.serial = o.serial != nullptr ? o.serial : "";
+        target.choice = kChoices[transport];
         auto impl = std::make_unique<TarvikImpl>();
-        tarvik::clear_open_failure();
-        const int r = o.video_node != nullptr
-                          ? tarvik::open_video_node(*impl, o.video_node)
-                          : tarvik::open_camera(*impl, bus, address, kChoices[o.transport]);
+        const int r = tarvik::open_camera(*impl, target, tarvik::InUse::kRefuse);
         TLOG("libTarvik: sdk inner open device %s.\n", r == 0 ? "ok" : "failed");
-        // Found, but another program holds it (the USB path notes that and goes on).
-        if (const int why = tarvik::last_open_failure(); r != 0 || why != 0) {
-            return why != 0 ? why : TARVIK_E_NO_CAMERA;
-        }
+        if (r != 0) return r;
         *camera = new tarvik_camera{impl.release()};
         return 0;
     } catch (const std::bad_alloc&) {

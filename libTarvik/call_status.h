@@ -13,12 +13,6 @@ int last_transfer_failure();
 void note_transfer_failure(int result);
 void clear_transfer_failure();
 
-// Why the thread's last opening of a camera failed, or found it in use: a
-// libusb code (ACCESS, BUSY, NO_DEVICE, ...); 0 when nothing was noted.
-int last_open_failure();
-void note_open_failure(int code);
-void clear_open_failure();
-
 }  // namespace tarvik
 
 #endif

@@ -122,6 +122,13 @@ std::optional<UsbCamera> find_camera(int bus, int address) {
     return std::nullopt;
 }
 
+std::optional<UsbCamera> find_camera_by_serial(const std::string& serial) {
+    for (const UsbCamera& c : find_cameras()) {
+        if (c.serial == serial) return c;
+    }
+    return std::nullopt;
+}
+
 bool video_driver_bound(const UsbCamera& camera) {
     char target[256] = {};
     const std::string link = camera.path + "/" + camera.name + ":1.0/driver";

@@ -24,6 +24,9 @@ std::vector<UsbCamera> find_cameras();
 // The camera at `bus`/`address`; -1 in either: the first.
 std::optional<UsbCamera> find_camera(int bus, int address);
 
+// The camera whose USB serial number is `serial`.
+std::optional<UsbCamera> find_camera_by_serial(const std::string& serial);
+
 // Whether the kernel's uvcvideo driver is bound to the camera's interface 0.
 bool video_driver_bound(const UsbCamera& camera);
 

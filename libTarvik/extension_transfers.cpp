@@ -18,7 +18,6 @@ constexpr unsigned kMarkerLength = 8;  // selector 1 is never asked for its leng
 constexpr unsigned kValueBytes = 4;
 
 thread_local int t_lastTransferFailure = 0;
-thread_local int t_lastOpenFailure = 0;
 
 // 0 when exactly `length` bytes moved; otherwise libusb's result: a negative
 // error code, or the short count.
@@ -33,9 +32,6 @@ namespace tarvik {
 int last_transfer_failure() { return t_lastTransferFailure; }
 void note_transfer_failure(int result) { t_lastTransferFailure = result; }
 void clear_transfer_failure() { t_lastTransferFailure = 0; }
-int last_open_failure() { return t_lastOpenFailure; }
-void note_open_failure(int code) { t_lastOpenFailure = code; }
-void clear_open_failure() { t_lastOpenFailure = 0; }
 }  // namespace tarvik
 
 // The camera's handle, in whichever way it is reached, is the transport.

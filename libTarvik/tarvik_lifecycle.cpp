@@ -4,6 +4,7 @@
 
 #include "TarvikImpl.h"
 #include "tarvik_log.h"
+#include "camera_opener.h"
 #include "tarvik_private.h"
 
 namespace {
@@ -28,21 +29,14 @@ TarvikImpl::TarvikImpl(libusb_device_handle* handle)
     InitializeValidPIdVId();
     if (handle != nullptr) {
         m_pDevHandle = handle;
-        m_pPrivate->transport = tarvik::MakeUsbTransport(handle, nullptr);
-        libusb_device* device = libusb_get_device(handle);
-        tarvik::open_camera_lock(*this, libusb_get_bus_number(device),
-                                 libusb_get_device_address(device));
+        tarvik::adopt_handle(*this, handle);
         TLOG("libTarvik: use outer handle [%p] directly.\n", static_cast<void*>(handle));
     }
     TLOG("libTarvik build time: %s %s", __DATE__, __TIME__);
 }
 
 TarvikImpl::~TarvikImpl() {
-    if (m_bInnerOpened) {
-        release_libusb();
-    }
-    tarvik::release_video_node(*this);
-    m_bMarkerSet = false;
+    CloseCamera();
     m_nProductType = kProductTypeUnknown;
     m_vecValidDevices.clear();
     m_vecValidDevices.shrink_to_fit();
@@ -79,6 +73,21 @@ extern "C" TARVIK_API libTarvik* zq_CreateTarvik(libusb_device_handle* outerHand
     }
     auto* impl = new TarvikImpl();
     if (impl->CreateUsbHandle(bus, deviceAddress) != 0) {
+        delete impl;
+        return nullptr;
+    }
+    return impl;
+}
+
+// Always the kernel path: the capture node given, or the first camera's.
+extern "C" TARVIK_API libTarvik* zq_CreateTarvikOnVideo(const char* videoNode) {
+    auto* impl = new TarvikImpl();
+    tarvik::CameraTarget target;
+    target.videoNode = videoNode != nullptr ? videoNode : "";
+    target.choice = tarvik::Choice::kKernel;
+    const int r = tarvik::open_camera(*impl, target, tarvik::InUse::kKeep);
+    TLOG("libTarvik: sdk inner open device %s.\n", r == 0 ? "ok" : "failed");
+    if (r != 0) {
         delete impl;
         return nullptr;
     }

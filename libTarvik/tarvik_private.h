@@ -1,5 +1,6 @@
 // What a TarvikImpl holds beyond its described members: how the camera is
-// reached, and the lock shared with other processes. Internal to the library.
+// reached, which camera it is, and the lock shared with other processes.
+// Internal to the library.
 #ifndef TARVIK_PRIVATE_H
 #define TARVIK_PRIVATE_H
 
@@ -8,8 +9,6 @@
 
 #include "camera_lock.h"
 #include "transport.h"
-
-class TarvikImpl;
 
 namespace tarvik {
 
@@ -24,30 +23,11 @@ public:
     // Where the camera sits, once open.
     int bus = 0;
     int address = 0;
+    // Why the last open failed, or found the camera held by another program: a
+    // libusb code (ACCESS, BUSY, NO_DEVICE, ...); 0 when nothing was noted.
+    int openFailure = 0;
     CameraLock cameraLock;
 };
-
-// How to reach the camera: libusb, the kernel's video driver, or the driver
-// when it holds the camera and libusb otherwise.
-enum class Choice { kUsb, kKernel, kAuto };
-
-// Opens the camera at `bus`/`address` (-1 in either: the first) the chosen
-// way. 0, or -1 after the lines saying why.
-int open_camera(TarvikImpl& impl, int bus, int address, Choice choice);
-
-// The same, the way TARVIK_TRANSPORT says (usb, the default; kernel; auto).
-int open_by_environment(TarvikImpl& impl, int bus, int address);
-
-// The kernel path to `node`, or to the first camera's capture node when it is
-// null. 0, or -1 after the lines saying why.
-int open_video_node(TarvikImpl& impl, const char* node);
-
-// Closes what the kernel path opened; nothing when it opened nothing.
-void release_video_node(TarvikImpl& impl);
-
-// The camera's lock file, for the camera at `bus`/`address`; says so once
-// when it cannot be made.
-void open_camera_lock(TarvikImpl& impl, int bus, int address);
 
 }  // namespace tarvik
 

@@ -1,9 +1,10 @@
-// Finding, opening and releasing the camera when the library opens it itself.
+// The USB path's leaf: finding, opening and releasing the camera through
+// libusb when the library opens it itself.
 #include <cerrno>
 #include <cstdio>
 
 #include "TarvikImpl.h"
-#include "call_status.h"
+#include "camera_opener.h"
 #include "tarvik_log.h"
 #include "tarvik_private.h"
 
@@ -32,6 +33,77 @@ void printDeviceLine(const libusb_device_descriptor& desc, libusb_device* dev) {
                      libusb_get_device_address(dev));
 }
 
+// libusb's context, with its log level and its messages on the library's
+// way (standard error by default); null after the failure line.
+libusb_context* start_libusb() {
+    libusb_context* context = nullptr;
+    if (libusb_init(&context) < 0) {
+        const UsbErrno e = usbErrnoNow();
+        TLOG("libTarvik: libusb_init failed. libusb errno=%d, %s, %s.\n", e.code, e.name, e.text);
+        return nullptr;
+    }
+    libusb_set_option(context, LIBUSB_OPTION_LOG_LEVEL, kLibusbLogLevelInfo);
+    libusb_set_log_cb(
+        context,
+        [](libusb_context*, enum libusb_log_level, const char* line) {
+            tarvik::LogPlain(tarvik::Stream::kErr, "%s", line);
+        },
+        LIBUSB_LOG_CB_CONTEXT);
+    return context;
+}
+
+// Whether `dev` is the camera asked for; says so when it is. One -1 in `bus`
+// or `address` switches off both the bus and the address test.
+bool is_wanted(const libusb_device_descriptor& desc, libusb_device* dev,
+               const std::vector<pm_usb_device_desc>& valid, int bus, int address) {
+    const bool wildcard = bus == kAnyBusOrAddress || address == kAnyBusOrAddress;
+    for (const pm_usb_device_desc& v : valid) {
+        if (desc.idProduct != v.pid || desc.idVendor != v.vid) continue;
+        const int devBus = libusb_get_bus_number(dev);
+        const int devAddress = libusb_get_device_address(dev);
+        if (!wildcard && (devBus != bus || devAddress != address)) continue;
+        tarvik::LogPlain(tarvik::Stream::kOut, "ok, %s, 0x%04x:0x%04x (bus %d, device %d)\n",
+                         wildcard ? "found" : "matched", desc.idVendor, desc.idProduct, devBus,
+                         devAddress);
+        return true;
+    }
+    return false;
+}
+
+// The first wanted device of `list`, every device's line printed on the way.
+libusb_device* choose_device(libusb_device** list, ssize_t count,
+                             const std::vector<pm_usb_device_desc>& valid, int bus, int address) {
+    for (ssize_t i = 0; i < count; ++i) {
+        libusb_device_descriptor desc{};
+        if (libusb_get_device_descriptor(list[i], &desc) != 0) {
+            const UsbErrno e = usbErrnoNow();
+            tarvik::LogPlain(
+                tarvik::Stream::kErr,
+                "libTarvik: libusb_get_device_descriptor failed. libusb errno=%d, %s, %s.\n",
+                e.code, e.name, e.text);
+            continue;
+        }
+        printDeviceLine(desc, list[i]);
+        if (is_wanted(desc, list[i], valid, bus, address)) return list[i];
+    }
+    return nullptr;
+}
+
+// Detaches the video driver from interface 0 when it holds it: 0, or libusb's
+// code after the failure line. `detached` says whether it was detached.
+int detach_video_driver(libusb_device_handle* handle, bool& detached) {
+    detached = false;
+    if (libusb_kernel_driver_active(handle, kInterface) == 0) return 0;
+    if (const int r = libusb_detach_kernel_driver(handle, kInterface); r != 0) {
+        const UsbErrno e = usbErrnoNow();
+        TLOG("libTarvik: libusb_detach_kernel_driver error. libusb errno=%d, %s, %s.\n", e.code,
+             e.name, e.text);
+        return r;
+    }
+    detached = true;
+    return 0;
+}
+
 }  // namespace
 
 void TarvikImpl::InitializeValidPIdVId() {
@@ -44,28 +116,23 @@ HRESULT TarvikImpl::CreateUsbHandle(int bus, int deviceAddress) {
     if (check_dev_opened() == 0) {
         return 0;
     }
-    const int r = tarvik::open_by_environment(*this, bus, deviceAddress);
+    tarvik::CameraTarget target;
+    target.bus = bus;
+    target.address = deviceAddress;
+    target.choice = tarvik::choice_from_environment();
+    const int r = tarvik::open_camera(*this, target, tarvik::InUse::kKeep);
     TLOG("libTarvik: sdk inner open device %s.\n", r == 0 ? "ok" : "failed");
     return r == 0 ? 0 : 11;
 }
 
+// The USB path's leaf: libusb finds the camera, opens it, takes interface 0
+// from the video driver and claims it. It opens nothing else.
 int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
     TLOG("libTarvik: libusb_init...\n");
-    if (libusb_init(&m_pContext) < 0) {
-        const UsbErrno e = usbErrnoNow();
-        TLOG("libTarvik: libusb_init failed. libusb errno=%d, %s, %s.\n", e.code, e.name, e.text);
-        m_pContext = nullptr;
+    m_pContext = start_libusb();
+    if (m_pContext == nullptr) {
         return -1;
     }
-    libusb_set_option(m_pContext, LIBUSB_OPTION_LOG_LEVEL, kLibusbLogLevelInfo);
-    // libusb's own messages take the library's way too (standard error by default).
-    libusb_set_log_cb(
-        m_pContext,
-        [](libusb_context*, enum libusb_log_level, const char* line) {
-            tarvik::LogPlain(tarvik::Stream::kErr, "%s", line);
-        },
-        LIBUSB_LOG_CB_CONTEXT);
-
     TLOG("libTarvik: libusb_get_device_list...\n");
     libusb_device** list = nullptr;
     const ssize_t count = libusb_get_device_list(m_pContext, &list);
@@ -76,44 +143,7 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
         release_libusb();
         return -1;
     }
-
-    // One -1 switches off both the bus and the address test.
-    const bool wildcard = bus == kAnyBusOrAddress || deviceAddress == kAnyBusOrAddress;
-    libusb_device* chosen = nullptr;
-    for (ssize_t i = 0; i < count && chosen == nullptr; ++i) {
-        libusb_device* dev = list[i];
-        libusb_device_descriptor desc{};
-        if (libusb_get_device_descriptor(dev, &desc) != 0) {
-            const UsbErrno e = usbErrnoNow();
-            tarvik::LogPlain(
-                tarvik::Stream::kErr,
-                "libTarvik: libusb_get_device_descriptor failed. libusb errno=%d, %s, %s.\n",
-                e.code, e.name, e.text);
-            continue;
-        }
-        printDeviceLine(desc, dev);
-        for (const pm_usb_device_desc& valid : m_vecValidDevices) {
-            if (desc.idProduct != valid.pid || desc.idVendor != valid.vid) {
-                continue;
-            }
-            const int devBus = libusb_get_bus_number(dev);
-            const int devAddress = libusb_get_device_address(dev);
-            if (wildcard) {
-                tarvik::LogPlain(tarvik::Stream::kOut,
-                                 "ok, found, 0x%04x:0x%04x (bus %d, device %d)\n", desc.idVendor,
-                                 desc.idProduct, devBus, devAddress);
-            } else if (devBus == bus && devAddress == deviceAddress) {
-                tarvik::LogPlain(tarvik::Stream::kOut,
-                                 "ok, matched, 0x%04x:0x%04x (bus %d, device %d)\n", desc.idVendor,
-                                 desc.idProduct, devBus, devAddress);
-            } else {
-                continue;
-            }
-            chosen = dev;
-            break;
-        }
-    }
-
+    libusb_device* chosen = choose_device(list, count, m_vecValidDevices, bus, deviceAddress);
     if (chosen == nullptr) {
         libusb_free_device_list(list, 1);
         const UsbErrno e = usbErrnoNow();
@@ -123,38 +153,32 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
         return -1;
     }
 
+    tarvik::TarvikPrivate& p = *m_pPrivate;
     libusb_device_handle* handle = nullptr;
     const int openResult = libusb_open(chosen, &handle);
     libusb_free_device_list(list, 1);  // the open handle keeps its own reference
     if (openResult < 0 || handle == nullptr) {
-        tarvik::note_open_failure(openResult < 0 ? openResult : LIBUSB_ERROR_OTHER);
+        p.openFailure = openResult < 0 ? openResult : LIBUSB_ERROR_OTHER;
         const UsbErrno e = usbErrnoNow();
         TLOG("libTarvik: found, but libusb_open failed. libusb errno=%d, %s, %s.\n", e.code, e.name,
              e.text);
         release_libusb();
         return -1;
     }
-
-    if (libusb_kernel_driver_active(handle, kInterface) != 0) {
-        if (const int detached = libusb_detach_kernel_driver(handle, kInterface); detached != 0) {
-            tarvik::note_open_failure(detached);
-            const UsbErrno e = usbErrnoNow();
-            TLOG("libTarvik: libusb_detach_kernel_driver error. libusb errno=%d, %s, %s.\n", e.code,
-                 e.name, e.text);
-            libusb_close(handle);
-            release_libusb();
-            return -1;
-        }
-        m_bKernelDetached = true;
+    if (const int r = detach_video_driver(handle, m_bKernelDetached); r != 0) {
+        p.openFailure = r;
+        libusb_close(handle);
+        release_libusb();
+        return -1;
     }
     // usbfs gives the driver back only once interface 0 is free, and the first
     // transfer would claim it for this descriptor anyway: claim it now, so that
     // the release can free it before the attach. Another program holding it is
     // noted; the first transfer then fails as it would have.
     const int claimed = libusb_claim_interface(handle, kInterface);
-    m_pPrivate->interfaceClaimed = claimed == 0;
+    p.interfaceClaimed = claimed == 0;
     if (claimed == LIBUSB_ERROR_BUSY) {
-        tarvik::note_open_failure(claimed);
+        p.openFailure = claimed;
         TLOG(
             "libTarvik: the camera is in use by another program; its transfers will fail until "
             "that program lets it go.\n");
@@ -162,10 +186,10 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
 
     m_bInnerOpened = true;
     m_pDevHandle = handle;
-    m_pPrivate->transport = tarvik::MakeUsbTransport(handle, m_pContext);
+    p.transport = tarvik::MakeUsbTransport(handle, m_pContext);
+    p.bus = libusb_get_bus_number(libusb_get_device(handle));
+    p.address = libusb_get_device_address(libusb_get_device(handle));
     TLOG("libTarvik: initialize_libusb ok.\n");
-    tarvik::open_camera_lock(*this, libusb_get_bus_number(libusb_get_device(handle)),
-                             libusb_get_device_address(libusb_get_device(handle)));
     return 0;
 }
 
@@ -174,7 +198,6 @@ void TarvikImpl::release_libusb() {
         libusb_release_interface(m_pDevHandle, kInterface);
     }
     m_pPrivate->interfaceClaimed = false;
-    m_pPrivate->cameraLock.Close();
     if (m_bKernelDetached && m_pDevHandle != nullptr) {
         libusb_attach_kernel_driver(m_pDevHandle, kInterface);
     }

@@ -110,6 +110,8 @@ public:
     // The library's own state (how the camera is reached, the lock shared with
     // other processes); for the library's use only.
     TARVIK_HIDDEN tarvik::TarvikPrivate& Private() { return *m_pPrivate; }
+    // Gives back whatever the object opened; it may be opened again.
+    TARVIK_HIDDEN void CloseCamera();
 
 private:
     libusb_context* m_pContext;
