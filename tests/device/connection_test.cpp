@@ -1,6 +1,10 @@
 // Finding, opening, adopting and releasing the camera: the lines, the camera
 // chosen, and the kernel driver of interface 0.
+#include <filesystem>
+
+#include "camera_opener.h"
 #include "device_fixture.h"
+#include "tarvik.h"
 
 namespace tarvik::test {
 namespace {
@@ -173,7 +177,54 @@ TEST(Opening, SecondUserOnTheUsbPath) {
     EXPECT_NE(capture.Take().find("libTarvik: the camera is in use by another program; its "
                                   "transfers will fail until that program lets it go.\n"),
               std::string::npos);
+    // The C interface refuses such a camera instead of handing out one that fails.
+    tarvik_open_options o = tarvik_default_options();
+    o.transport = TARVIK_TRANSPORT_USB;
+    tarvik_camera* camera = nullptr;
+    EXPECT_EQ(tarvik_open(&o, &camera), TARVIK_LIBUSB_ERROR_BUSY);
+    EXPECT_EQ(camera, nullptr);
 }
+
+// The camera's lock files this process holds open.
+int LockFilesOpen() {
+    int n = 0;
+    for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code ignored;
+        const std::string target = std::filesystem::read_symlink(fd.path(), ignored).string();
+        n += target.find("/tarvik-") != std::string::npos && target.size() > 5 &&
+             target.compare(target.size() - 5, 5, ".lock") == 0;
+    }
+    return n;
+}
+
+class Reopening : public DeviceTest, public testing::WithParamInterface<Transport> {};
+
+// Closed, the object gives back the device and the lock and sends nothing;
+// opened again, it takes the lock again and sends the marker before its
+// first transaction, as a new object would.
+TEST_P(Reopening, MarkerAndLockAgain) {
+    TarvikPtr t = Open(GetParam(), false);
+    unsigned int status = 0;
+    const Bytes marker(8, 0);
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(LockFilesOpen(), 1);
+        Outcome o = Run([&] { return t->ReadByExtItem(EXT_ITEM_ROI_STATUS, nullptr, &status); });
+        ASSERT_EQ(o.result, 0);
+        ASSERT_EQ(o.wire.size(), 3u);
+        EXPECT_TRUE(IsSetCur(o.wire[0], 1, marker));
+
+        Run([&] { return t->CloseCamera(), 0; });
+        EXPECT_EQ(LockFilesOpen(), 0);
+        o = Run([&] { return t->ReadByExtItem(EXT_ITEM_ROI_STATUS, nullptr, &status); });
+        EXPECT_EQ(o.result, 11);
+        EXPECT_TRUE(o.wire.empty());
+        CameraTarget target;
+        target.choice = GetParam() == Transport::kUsb ? Choice::kUsb : Choice::kKernel;
+        ASSERT_EQ(Run([&] { return open_camera(*t, target, InUse::kRefuse); }).result, 0);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Reopening, BothTransports(), TransportName);
 
 TEST(Opening, PrintDevsListsEveryDevice) {
     sim::Testbed bed;
