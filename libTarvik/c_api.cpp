@@ -16,6 +16,7 @@
 #include "operation_runner.h"
 #include "result_table.h"
 #include "sam_packet.h"
+#include "sensor_math.h"
 #include "sam_channel.h"
 #include "tarvik.h"
 #include "tarvik_log.h"
@@ -339,6 +340,26 @@ int tarvik_item(int number, tarvik_item_info* info) {
 
 int tarvik_item_by_name(const char* name, tarvik_item_info* info) {
     return item_info(tarvik::items::find_named(name), info);
+}
+
+int tarvik_write_exposure_times(tarvik_camera* camera, uint32_t left, uint32_t right) {
+    return on_camera(camera, true, [&](TarvikImpl& t) {
+        _DUAL_ET_PARAM current{};
+        HRESULT r = tarvik::RunRead(t, {tarvik::kReadArrow, "ReadET"}, EXT_ITEM_ET, nullptr, &current);
+        const _MAE_PARAM wanted{left, right};
+        if (r == 0) r = tarvik::check_manual_ae(current, wanted);
+        if (r != 0) return r;
+        _DUAL_ET_PARAM block = tarvik::manual_ae_record(current, wanted);
+        return tarvik::RunWrite(t, {tarvik::kWriteArrow, "WriteET"}, EXT_ITEM_ET, &block);
+    });
+}
+
+int tarvik_write_exposure_mode(tarvik_camera* camera, int32_t left, int32_t right) {
+    return on_camera(camera, true, [&](TarvikImpl& t) {
+        if (left != right) return tarvik::kErrModeMismatch;
+        _DUAL_ET_PARAM block = tarvik::et_mode_record(_DUAL_ET_MODE{left, right});
+        return tarvik::RunWrite(t, {tarvik::kWriteArrow, "WriteET"}, EXT_ITEM_ET, &block);
+    });
 }
 
 int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* output,

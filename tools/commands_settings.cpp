@@ -1,12 +1,13 @@
 // get, set and exposure.
 #include "commands.h"
-#include "exposure_block.h"
 #include "text_format.h"
 #include "value_parse.h"
 
 namespace tarvikctl {
 
 namespace {
+
+constexpr int kModeFlag = 4;  // tarvik_eye_exposure.flags[4]: the eye's exposure mode
 
 void ReplyValue(Session& session, const Setting& s, const SettingValue& v, bool hex) {
     Json json{{"setting", s.name}};
@@ -105,14 +106,14 @@ std::string Refusal(int result, const tarvik_exposure& b) {
 int SetTimes(Session& session, const std::vector<std::string>& values) {
     const uint32_t left = Time(values[0], "left");
     const uint32_t right = Time(values[1], "right");
-    const tarvik_exposure current = ReadBlock(session, ExposureOp::kSetTimes);
-    if (const int refused = CheckTimes(current, left, right); refused != 0) {
+    const int result = tarvik_write_exposure_times(session.Camera(), left, right);
+    if (result == TARVIK_E_OUT_OF_RANGE || result == TARVIK_E_NOT_MANUAL) {
+        const tarvik_exposure current = ReadBlock(session, ExposureOp::kSetTimes);
         throw ToolError(
-            kExitFailed, refused,
-            "exposure set-times refused, nothing was written: " + Refusal(refused, current));
+            kExitFailed, result,
+            "exposure set-times refused, nothing was written: " + Refusal(result, current));
     }
-    const tarvik_exposure block = TimesBlock(current, left, right);
-    Check(tarvik_write_exposure(session.Camera(), &block), "exposure set-times");
+    Check(result, "exposure set-times");
     session.Out().Ok(Eyes("time", left, right), "");
     return kExitOk;
 }
@@ -126,9 +127,9 @@ int SetMode(Session& session, const std::vector<std::string>& values) {
                             std::to_string(left) + ", right " + std::to_string(right) +
                             "); they must be equal");
     }
-    const tarvik_exposure block = ModeBlock(left);
-    Check(tarvik_write_exposure(session.Camera(), &block), "exposure set-mode");
-    session.Out().Ok(Eyes("mode", block.left.flags[kModeFlag], block.right.flags[kModeFlag]), "");
+    Check(tarvik_write_exposure_mode(session.Camera(), left, right), "exposure set-mode");
+    const auto sent = static_cast<uint8_t>(static_cast<uint32_t>(left) & 0xFFu);  // the mode's low byte
+    session.Out().Ok(Eyes("mode", sent, sent), "");
     return kExitOk;
 }
 

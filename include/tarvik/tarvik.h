@@ -141,6 +141,14 @@ typedef struct {
 
 TARVIK_API int tarvik_read_exposure(tarvik_camera* camera, tarvik_exposure* exposure);
 TARVIK_API int tarvik_write_exposure(tarvik_camera* camera, const tarvik_exposure* exposure);
+/* Sets both eyes' exposure times: the block is read, each time checked
+ * against its eye's range (TARVIK_E_OUT_OF_RANGE, judged first) and both eyes
+ * against manual mode (TARVIK_E_NOT_MANUAL); nothing is written unless both
+ * checks pass. */
+TARVIK_API int tarvik_write_exposure_times(tarvik_camera* camera, uint32_t left, uint32_t right);
+/* Sets both eyes' exposure mode (1 = manual; the low byte is sent).
+ * TARVIK_E_MODES_DIFFER, with nothing sent, when the two differ. */
+TARVIK_API int tarvik_write_exposure_mode(tarvik_camera* camera, int32_t left, int32_t right);
 
 /* The record of extension item 10: a block of the camera's data, read into
  * `data` or written from it. A length above 48 counts as 48. */
