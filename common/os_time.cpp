@@ -2,7 +2,7 @@
 
 #include <sys/time.h>
 
-#include "tarvik_log.h"
+#include "timing_log.h"
 
 namespace {
 // A call that took longer than this many microseconds is reported as slow.
@@ -32,3 +32,15 @@ void PrintLongTime(unsigned long elapsedUs) {
         TLOG("########## operator time too long, more than 1s\n");
     }
 }
+
+namespace tarvik {
+
+unsigned long ElapsedSince(unsigned long startUs) { return os_gettime_us() - startUs; }
+
+void LogConsumedTime(const char* file, int line, const char* name, unsigned long elapsedUs) {
+    LogLine(file, line, "########## %s end, consumed time: %lu.%lu ms\n", name, elapsedUs / 1000,
+            elapsedUs % 1000);
+    PrintLongTime(elapsedUs);
+}
+
+}  // namespace tarvik

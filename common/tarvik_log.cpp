@@ -7,7 +7,6 @@
 #include <mutex>
 #include <string>
 
-#include "os_time.h"
 
 namespace tarvik {
 namespace {
@@ -90,14 +89,6 @@ void set_log_handler(LogHandler handler, void* user) {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.handler = handler;
     s.user = user;
-}
-
-unsigned long ElapsedSince(unsigned long startUs) { return os_gettime_us() - startUs; }
-
-void LogConsumedTime(const char* file, int line, const char* name, unsigned long elapsedUs) {
-    LogLine(file, line, "########## %s end, consumed time: %lu.%lu ms\n", name, elapsedUs / 1000,
-            elapsedUs % 1000);
-    PrintLongTime(elapsedUs);
 }
 
 }  // namespace tarvik

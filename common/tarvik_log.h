@@ -26,21 +26,11 @@ void LogPlain(Stream stream, const char* format, ...) __attribute__((format(prin
 using LogHandler = void (*)(const char* line, void* user);
 void set_log_handler(LogHandler handler, void* user);
 
-// Microseconds since `startUs`, as an unsigned difference: a clock set back
-// shows as a huge value (and so as a slow call).
-unsigned long ElapsedSince(unsigned long startUs);
-
-// Logs "########## <name> end, consumed time: <ms>.<us> ms\n" (the remainder
-// without leading zeros) and reports a slow call.
-void LogConsumedTime(const char* file, int line, const char* name, unsigned long elapsedUs);
-
 // Reports a failed internal condition through MyAssert.
 void ReportAssertion(const char* condition, const char* function);
 
 }  // namespace tarvik
 
 #define TLOG(...) ::tarvik::LogLine(__FILE__, __LINE__, __VA_ARGS__)
-#define TLOG_CONSUMED(name, startUs) \
-    ::tarvik::LogConsumedTime(__FILE__, __LINE__, name, ::tarvik::ElapsedSince(startUs))
 
 #endif

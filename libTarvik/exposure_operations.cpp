@@ -6,6 +6,7 @@
 #include "os_time.h"
 #include "sensor_math.h"
 #include "tarvik_log.h"
+#include "timing_log.h"
 
 namespace {
 

@@ -163,6 +163,8 @@ HRESULT TarvikImpl::SetMarker() {
     return 0;
 }
 
+// Exported members that do nothing on this camera: the marker stays set for the
+// object's life and the frame size is fixed; kept for applications that call them.
 HRESULT TarvikImpl::RecoveryMarker() { return 0; }
 
 HRESULT TarvikImpl::CheckDataSize() { return 0; }

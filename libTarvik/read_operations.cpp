@@ -8,6 +8,7 @@
 #include "os_time.h"
 #include "sensor_math.h"
 #include "tarvik_log.h"
+#include "timing_log.h"
 
 using tarvik::kReadArrow;
 using tarvik::kWriteArrow;

@@ -19,9 +19,6 @@ struct CardCodes {
 // A card read (command 3 or 4 in `in`) through the read transaction that also
 // hands out the codes.
 HRESULT read_card(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out, CardCodes* codes);
-// The same through the read retry routine, after a first attempt failed.
-HRESULT read_card_again(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM* out,
-                        CardCodes* codes);
 
 // Clears a record that held a card, in a way the compiler keeps.
 void wipe(_SAM_OUT_PARAM& out);

@@ -4,6 +4,7 @@
 #include "operation_runner.h"
 #include "os_time.h"
 #include "tarvik_log.h"
+#include "timing_log.h"
 
 namespace {
 

@@ -13,16 +13,6 @@ function(fail message)
   message(FATAL_ERROR "${message}\n--- stdout:\n${OUT}\n--- stderr:\n${ERR}")
 endfunction()
 
-# needs_sim(<text>): stops the case unless tarvik-sim's usage names <text>.
-macro(needs_sim text)
-  execute_process(COMMAND ${SIM} --help OUTPUT_VARIABLE _usage ERROR_VARIABLE _usage_err)
-  string(FIND "${_usage}${_usage_err}" "${text}" _at)
-  if(_at EQUAL -1)
-    message(STATUS "PENDING: tarvik-sim has no ${text} yet")
-    return()
-  endif()
-endmacro()
-
 # run(<expected status> COMMAND...): runs the command under the simulator (with SIM_ARGS),
 # sets OUT and ERR.
 function(run expected)
@@ -422,10 +412,9 @@ elseif(CASE STREQUAL "tour")
     fail("docs/cli-tour.txt is not what scripts/tour.sh prints")
   endif()
 
-# --- cases that need the simulator's newer options ---
+# --- cases with the simulator's options ---
 
 elseif(CASE STREQUAL "serial")
-  needs_sim("serial=")
   set(SIM_ARGS --camera 1:2,serial=KIOSK-1 --camera 1:3,serial=KIOSK-2)
   tool(0 list)
   expect_match(OUT "^bus 1, address 2  0ac8:010c  serial: KIOSK-1  video: [^\n]+\nbus 1, address 3  0ac8:010c  serial: KIOSK-2  ")
@@ -437,19 +426,16 @@ elseif(CASE STREQUAL "serial")
   expect_err("tarvikctl: no camera with serial 'KIOSK-3' (serials: KIOSK-1, KIOSK-2)\n")
 
 elseif(CASE STREQUAL "permission")
-  needs_sim("--deny-access")
   set(SIM_ARGS --camera 1:2 --deny-access)
   # libusb's own error lines may come first: they reach stderr without the library.
   tool(3 --transport usb get roi)
   expect_match(ERR "(^|\n)tarvikctl: permission denied on /dev/bus/usb/001/002: install the udev rule \\(or join plugdev\\), see README\n$")
   tool(3 --json get roi)
   expect_json_error(-3 LIBUSB_ERROR_ACCESS "^permission denied on /dev/bus/usb/001/002: install the udev rule")
-  needs_sim("--no-video")
   tool(3 --transport kernel get roi)
   expect_match(ERR "^tarvikctl: permission denied on /dev/video[0-9]+: join the video group\n$")
 
 elseif(CASE STREQUAL "kernel_path")
-  needs_sim("--no-video")
   tool(0 list)
   expect_match(OUT "^bus 1, address 2  0ac8:010c  serial: [^ ]+  video: /dev/video[0-9]+\n$")
   tool(0 --json list)
@@ -467,7 +453,6 @@ elseif(CASE STREQUAL "busy")
   # A second program on the USB path while the first holds the camera: it is told why,
   # and the kernel path lets both work. The first holds the camera until the reader
   # of its samples is done.
-  needs_sim("--no-video")
   shell(0 "$T --transport usb gyro --watch --interval 20 | { read sample
     $T --transport usb get roi
     echo second \$? >&2\n }")
@@ -477,7 +462,6 @@ elseif(CASE STREQUAL "busy")
   expect_out("100 200 640 480\n")
 
 elseif(CASE STREQUAL "faults")
-  needs_sim("--unplug-after-transfers")
   set(SIM_ARGS --unplug-after-transfers 1)
   tool(1 --json info)
   expect_json(OFF ok)

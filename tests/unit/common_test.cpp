@@ -11,6 +11,7 @@
 #include "byte_pack.h"
 #include "os_time.h"
 #include "tarvik_log.h"
+#include "timing_log.h"
 #include "test_support.h"
 #include "wNewMutex.h"
 
