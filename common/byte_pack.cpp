@@ -57,5 +57,5 @@ void MyAssert(char* message) {
         logger->Log(message);
         return;
     }
-    tarvik::LogPlain(tarvik::Stream::kOut, "%s\n", message);
+    tarvik::LogPlain(tarvik::Level::kWarning, tarvik::Stream::kOut, "%s\n", message);
 }

@@ -29,7 +29,7 @@ double diff_ms(long later, long earlier) {
 
 void PrintLongTime(unsigned long elapsedUs) {
     if (elapsedUs > kSlowCallThresholdUs) {
-        TLOG("########## operator time too long, more than 1s\n");
+        TLOG_WARN("########## operator time too long, more than 1s\n");
     }
 }
 
@@ -38,8 +38,8 @@ namespace tarvik {
 unsigned long ElapsedSince(unsigned long startUs) { return os_gettime_us() - startUs; }
 
 void LogConsumedTime(const char* file, int line, const char* name, unsigned long elapsedUs) {
-    LogLine(file, line, "########## %s end, consumed time: %lu.%lu ms\n", name, elapsedUs / 1000,
-            elapsedUs % 1000);
+    LogLine(Level::kDebug, file, line, "########## %s end, consumed time: %lu.%lu ms\n", name,
+            elapsedUs / 1000, elapsedUs % 1000);
     PrintLongTime(elapsedUs);
 }
 

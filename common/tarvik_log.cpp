@@ -7,17 +7,19 @@
 #include <mutex>
 #include <string>
 
-
 namespace tarvik {
 namespace {
 
-enum class Destination { kStdout, kStderr, kOff };
+// TARVIK_LOG, when it is set, decides for the whole process.
+enum class Destination { kDefault, kStdout, kStderr, kOff };
 
 Destination from_environment() {
     const char* value = std::getenv("TARVIK_LOG");
-    if (value != nullptr && std::strcmp(value, "stderr") == 0) return Destination::kStderr;
-    if (value != nullptr && std::strcmp(value, "off") == 0) return Destination::kOff;
-    return Destination::kStdout;
+    if (value == nullptr) return Destination::kDefault;
+    if (std::strcmp(value, "stdout") == 0) return Destination::kStdout;
+    if (std::strcmp(value, "stderr") == 0) return Destination::kStderr;
+    if (std::strcmp(value, "off") == 0) return Destination::kOff;
+    return Destination::kDefault;
 }
 
 struct Switch {
@@ -25,6 +27,9 @@ struct Switch {
     LogHandler handler = nullptr;
     void* user = nullptr;
     Destination destination = from_environment();
+    int level = static_cast<int>(Level::kDebug);  // every line, as described
+    bool levelChosen = false;
+    bool cInterface = false;
 };
 
 Switch& the_switch() {
@@ -32,18 +37,36 @@ Switch& the_switch() {
     return s;
 }
 
+// The line without its leading carriage return and trailing line feed.
+std::string clean(const std::string& text) {
+    std::string line = text;
+    if (!line.empty() && line.front() == '\r') line.erase(0, 1);
+    if (!line.empty() && line.back() == '\n') line.pop_back();
+    return line;
+}
+
 // One line, whole, to wherever lines go now.
-void emit(Stream stream, const std::string& text) {
+void emit(Level level, Stream stream, const std::string& text) {
     Switch& s = the_switch();
     std::lock_guard<std::mutex> lock(s.mutex);
+    if (static_cast<int>(level) > s.level) return;
     if (s.handler != nullptr) {
-        std::string line = text;
-        if (!line.empty() && line.front() == '\r') line.erase(0, 1);
-        if (!line.empty() && line.back() == '\n') line.pop_back();
-        s.handler(line.c_str(), s.user);
+        s.handler(static_cast<int>(level), clean(text).c_str(), s.user);
         return;
     }
-    if (s.destination == Destination::kOff) return;
+    switch (s.destination) {
+        case Destination::kOff:
+            return;
+        case Destination::kDefault:
+            if (s.cInterface) {
+                std::fprintf(stderr, "%s\n", clean(text).c_str());
+                return;
+            }
+            break;
+        case Destination::kStdout:
+        case Destination::kStderr:
+            break;
+    }
     FILE* out = s.destination == Destination::kStderr || stream == Stream::kErr ? stderr : stdout;
     std::fwrite(text.data(), 1, text.size(), out);
 }
@@ -66,22 +89,22 @@ __attribute__((format(printf, 1, 0))) std::string format(const char* fmt, va_lis
 
 }  // namespace
 
-void LogLine(const char* file, int line, const char* fmt, ...) {
+void LogLine(Level level, const char* file, int line, const char* fmt, ...) {
     char prefix[256];
     std::snprintf(prefix, sizeof prefix, "\r[File:%s, Line:%d] ", file, line);
     va_list args;
     va_start(args, fmt);
     const std::string message = format(fmt, args);
     va_end(args);
-    emit(Stream::kOut, prefix + message);
+    emit(level, Stream::kOut, prefix + message);
 }
 
-void LogPlain(Stream stream, const char* fmt, ...) {
+void LogPlain(Level level, Stream stream, const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
     const std::string text = format(fmt, args);
     va_end(args);
-    emit(stream, text);
+    emit(level, stream, text);
 }
 
 void set_log_handler(LogHandler handler, void* user) {
@@ -89,6 +112,23 @@ void set_log_handler(LogHandler handler, void* user) {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.handler = handler;
     s.user = user;
+}
+
+void set_log_level(int level) {
+    Switch& s = the_switch();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    s.level = level;
+    s.levelChosen = true;
+}
+
+void use_c_interface_defaults() {
+    Switch& s = the_switch();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (s.cInterface) return;
+    s.cInterface = true;
+    if (!s.levelChosen && s.destination == Destination::kDefault) {
+        s.level = static_cast<int>(Level::kWarning);
+    }
 }
 
 }  // namespace tarvik

@@ -6,14 +6,15 @@
 Needs the tarvik package (installed with libTarvik, or PYTHONPATH=<source>/python)
 and libTarvik.so.1 on the loader's path (or TARVIK_LIBRARY=<path>).
 """
+import logging
 import sys
 
 import tarvik
 
 
 def main() -> int:
-    # The library's lines go to standard error, this program's results to standard output.
-    tarvik.set_log_handler(lambda line: print(line, file=sys.stderr))
+    # The library's warnings and errors go to the "tarvik" logger, results to standard output.
+    logging.basicConfig(level=logging.WARNING, format="%(name)s: %(levelname)s: %(message)s")
     where = {"bus": int(sys.argv[1]), "address": int(sys.argv[2])} if len(sys.argv) > 2 else {}
     try:
         with tarvik.Camera(**where) as cam:

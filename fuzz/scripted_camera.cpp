@@ -52,7 +52,7 @@ private:
     std::size_t m_left;
 };
 
-void discard(const char*, void*) {}
+void discard(int, const char*, void*) {}
 
 }  // namespace
 

@@ -25,5 +25,4 @@ bool Documented(HRESULT r);
 
 }  // namespace tarvik::fuzz
 
-
 #endif

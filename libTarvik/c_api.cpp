@@ -15,9 +15,9 @@
 #include "item_table.h"
 #include "operation_runner.h"
 #include "result_table.h"
+#include "sam_channel.h"
 #include "sam_packet.h"
 #include "sensor_math.h"
-#include "sam_channel.h"
 #include "tarvik.h"
 #include "tarvik_log.h"
 #include "tarvik_private.h"
@@ -107,6 +107,7 @@ bool record_fits(int number, size_t size, bool write) {
 extern "C" {
 
 int tarvik_list(tarvik_camera_info* cameras, size_t capacity) {
+    tarvik::use_c_interface_defaults();
     if (cameras == nullptr && capacity > 0) return TARVIK_E_INVALID_ARGUMENT;
     try {
         const std::vector<tarvik::UsbCamera> found = tarvik::find_cameras();
@@ -129,6 +130,7 @@ tarvik_open_options tarvik_default_options(void) {
 }
 
 int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
+    tarvik::use_c_interface_defaults();
     if (camera == nullptr) return TARVIK_E_INVALID_ARGUMENT;
     *camera = nullptr;
     const tarvik_open_options o = options != nullptr ? *options : tarvik_default_options();
@@ -149,7 +151,7 @@ int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
         target.choice = kChoices[transport];
         auto impl = std::make_unique<TarvikImpl>();
         const int r = tarvik::open_camera(*impl, target, tarvik::InUse::kRefuse);
-        TLOG("libTarvik: sdk inner open device %s.\n", r == 0 ? "ok" : "failed");
+        tarvik::say_opened(r);
         if (r != 0) return r;
         *camera = new tarvik_camera{impl.release()};
         return 0;
@@ -345,7 +347,8 @@ int tarvik_item_by_name(const char* name, tarvik_item_info* info) {
 int tarvik_write_exposure_times(tarvik_camera* camera, uint32_t left, uint32_t right) {
     return on_camera(camera, true, [&](TarvikImpl& t) {
         _DUAL_ET_PARAM current{};
-        HRESULT r = tarvik::RunRead(t, {tarvik::kReadArrow, "ReadET"}, EXT_ITEM_ET, nullptr, &current);
+        HRESULT r =
+            tarvik::RunRead(t, {tarvik::kReadArrow, "ReadET"}, EXT_ITEM_ET, nullptr, &current);
         const _MAE_PARAM wanted{left, right};
         if (r == 0) r = tarvik::check_manual_ae(current, wanted);
         if (r != 0) return r;
@@ -440,7 +443,13 @@ const char* tarvik_sam_strerror(int samResult) {
 const char* tarvik_version(void) { return TARVIK_VERSION; }
 
 void tarvik_set_log_handler(tarvik_log_handler handler, void* user) {
+    tarvik::use_c_interface_defaults();
     tarvik::set_log_handler(handler, user);
+}
+
+void tarvik_set_log_level(int level) {
+    tarvik::use_c_interface_defaults();
+    tarvik::set_log_level(level);
 }
 
 }  // extern "C"

@@ -36,7 +36,7 @@ void open_camera_lock(TarvikPrivate& p) {
     const std::optional<UsbCamera> camera = find_camera(p.bus, p.address);
     std::string why = "the camera is not in sysfs";
     if (camera && p.cameraLock.Open(camera->name, why)) return;
-    TLOG(
+    TLOG_WARN(
         "libTarvik: no lock file for the camera (%s); other programs using it may come between "
         "the frames of a transaction.\n",
         why.c_str());
@@ -87,6 +87,11 @@ int open_camera(TarvikImpl& impl, const CameraTarget& target, InUse inUse) {
     }
     open_camera_lock(p);
     return 0;
+}
+
+void say_opened(int result) {
+    TLOG_AT(result == 0 ? Level::kDebug : Level::kError, "libTarvik: sdk inner open device %s.\n",
+            result == 0 ? "ok" : "failed");
 }
 
 void adopt_handle(TarvikImpl& impl, libusb_device_handle* handle) {

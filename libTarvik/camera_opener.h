@@ -42,6 +42,10 @@ enum class InUse { kKeep, kRefuse };
 // logged the lines.
 int open_camera(TarvikImpl& impl, const CameraTarget& target, InUse inUse);
 
+// The line every factory ends its open with: "sdk inner open device ok" (or
+// "failed", an error).
+void say_opened(int result);
+
 // An application's libusb handle, adopted: the USB path, never closed here.
 void adopt_handle(TarvikImpl& impl, libusb_device_handle* handle);
 

@@ -75,12 +75,12 @@ HRESULT TarvikImpl::zq_WriteManualAE(const _MAE_PARAM& param) {
     }
     const HRESULT check = tarvik::check_manual_ae(et, param);
     if (check == tarvik::kErrOutOfRange) {
-        TLOG("-----> WriteManualAE, error, value is out of range: [%u, %u], [%u, %u]",
-             et.left.etMin, et.left.etMax, et.right.etMin, et.right.etMax);
+        TLOG_WARN("-----> WriteManualAE, error, value is out of range: [%u, %u], [%u, %u]",
+                  et.left.etMin, et.left.etMax, et.right.etMin, et.right.etMax);
         return check;
     }
     if (check == tarvik::kErrNotManualMode) {
-        TLOG("-----> WriteManualAE, error, current is not manual exp. mode");
+        TLOG_WARN("-----> WriteManualAE, error, current is not manual exp. mode");
         return check;
     }
     return zq_WriteET(tarvik::manual_ae_record(et, param));
@@ -88,14 +88,15 @@ HRESULT TarvikImpl::zq_WriteManualAE(const _MAE_PARAM& param) {
 
 HRESULT TarvikImpl::zq_WriteETMode(const _DUAL_ET_MODE& param) {
     if (param.leftMode != param.rightMode) {
-        TLOG("-----> WriteETMode, error, left eye mode [%d] should be same as right eye mode [%d]",
-             param.leftMode, param.rightMode);
+        TLOG_WARN(
+            "-----> WriteETMode, error, left eye mode [%d] should be same as right eye mode [%d]",
+            param.leftMode, param.rightMode);
         return tarvik::kErrModeMismatch;
     }
     const unsigned long start = os_gettime_us();
     const HRESULT r = zq_WriteET(tarvik::et_mode_record(param));
     if (r != 0) {
-        TLOG("-----> WriteETMode, hr=0x%x", static_cast<unsigned>(r));
+        TLOG_WARN("-----> WriteETMode, hr=0x%x", static_cast<unsigned>(r));
         return r;
     }
     TLOG_CONSUMED("WriteETMode by WriteET", start);

@@ -114,7 +114,7 @@ HRESULT valueControlLength(TarvikImpl& impl, int selector, const char* function,
 
 HRESULT TarvikImpl::_GetValue(int selector, unsigned int* value) {
     if (value == nullptr) {
-        TLOG("get value: invalid input arg.\n");
+        TLOG_WARN("get value: invalid input arg.\n");
         return 1;
     }
     tarvik::ScopedLock lock(m_mutex);
@@ -128,7 +128,7 @@ HRESULT TarvikImpl::_GetValue(int selector, unsigned int* value) {
         return r;
     }
     const int decoded = Byte2Int(buffer.data(), static_cast<int>(length));
-    TLOG("get value ok. id: %d, value: %d.\n", selector, decoded);
+    TLOG_DEBUG("get value ok. id: %d, value: %d.\n", selector, decoded);
     *value = static_cast<unsigned int>(decoded);
     return 0;
 }
@@ -156,7 +156,7 @@ HRESULT TarvikImpl::SetMarker() {
     }
     const HRESULT r = SpecialOperator(0);
     if (r != 0) {
-        TLOG("-----> SetMarker, hr=0x%x", static_cast<unsigned>(r));
+        TLOG_WARN("-----> SetMarker, hr=0x%x", static_cast<unsigned>(r));
         return r;
     }
     m_bMarkerSet = true;

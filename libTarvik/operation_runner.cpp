@@ -10,10 +10,10 @@ HRESULT RunRead(TarvikImpl& impl, const OperationName& op, UVC_EXT_ITEM_E item, 
     if (r == 0) {
         return 0;
     }
-    TLOG("%s %s, error, hr=0x%x", op.arrow, op.name, static_cast<unsigned>(r));
+    TLOG_WARN("%s %s, error, hr=0x%x", op.arrow, op.name, static_cast<unsigned>(r));
     const HRESULT r2 = impl.RetryReadByExtCmd(item, input, output);
     if (r2 != 0) {
-        TLOG("%s %s, hr=0x%x", op.arrow, op.name, static_cast<unsigned>(r2));
+        TLOG_WARN("%s %s, hr=0x%x", op.arrow, op.name, static_cast<unsigned>(r2));
     }
     return r2;
 }
@@ -23,10 +23,10 @@ HRESULT RunWrite(TarvikImpl& impl, const OperationName& op, UVC_EXT_ITEM_E item,
     if (r == 0) {
         return 0;
     }
-    TLOG("%s %s, error, hr=0x%x", op.arrow, op.name, static_cast<unsigned>(r));
+    TLOG_WARN("%s %s, error, hr=0x%x", op.arrow, op.name, static_cast<unsigned>(r));
     const HRESULT r2 = impl.RetryWriteByExtCmd(item, input);
     if (r2 != 0) {
-        TLOG("%s %s, hr=0x%x", op.arrow, op.name, static_cast<unsigned>(r2));
+        TLOG_WARN("%s %s, hr=0x%x", op.arrow, op.name, static_cast<unsigned>(r2));
     }
     return r2;
 }

@@ -125,7 +125,7 @@ HRESULT TarvikImpl::zq_ReadGyro(_GYRO_PARAM* param) {
     std::uint8_t raw[tarvik::frame::kGyroRawSize] = {};
     return timedRead(*this, {{kReadArrow, "ReadGyro"}, EXT_ITEM_GYRO}, start, nullptr, raw, [&] {
         if (tarvik::gyro_to_tilt(raw, param)) return HRESULT{0};
-        TLOG("ReadGyro, return invalid data, return Failed");
+        TLOG_WARN("ReadGyro, return invalid data, return Failed");
         return kInvalidGyroSample;
     });
 }

@@ -18,11 +18,11 @@ HRESULT retry(const char* name, Attempt attempt) {
     for (int times = 1; times <= kAttempts; ++times) {
         r = attempt();
         if (r == 0) {
-            TLOG("----- %s, retry times=%d, ok, hr=0x%x", name, times, 0u);
+            TLOG_WARN("----- %s, retry times=%d, ok, hr=0x%x", name, times, 0u);
             return 0;
         }
-        TLOG("----- %s, retry times=%d, still error, hr=0x%x", name, times,
-             static_cast<unsigned>(r));
+        TLOG_WARN("----- %s, retry times=%d, still error, hr=0x%x", name, times,
+                  static_cast<unsigned>(r));
     }
     return r;
 }

@@ -101,7 +101,7 @@ HRESULT receivePacket(TarvikImpl& impl, unsigned cmd, const FirstAnswer& answer,
         frame.fill(0);
         if (const HRESULT r = impl._GetBytes(kTransactionSelector, frame.data(), kFrameSize);
             r != 0) {
-            TLOG("SAM > Get bytes error. hr=0x%x", hex(r));
+            TLOG_WARN("SAM > Get bytes error. hr=0x%x", hex(r));
             out->result = kResultFrameLost;
             return r;
         }
@@ -110,14 +110,14 @@ HRESULT receivePacket(TarvikImpl& impl, unsigned cmd, const FirstAnswer& answer,
 
     out->result = code;
     if (code != 0 && code != 1) {
-        TLOG("SAM > response error! cmd:%d, SW1:0x%X, SW2:0x%X, SW3:0x%X, ResponseCode:%d.",
-             static_cast<int>(cmd), answer.sw1, answer.sw2, answer.sw3, code);
+        TLOG_DEBUG("SAM > response error! cmd:%d, SW1:0x%X, SW2:0x%X, SW3:0x%X, ResponseCode:%d.",
+                   static_cast<int>(cmd), answer.sw1, answer.sw2, answer.sw3, code);
         return 0;
     }
     const Checksum checksum = verify_checksum(assembler.packet());
     if (!checksum.ok()) {
-        TLOG("SAM > data checksum error! cmd:%d, calc value [0x%x] != [0x%x].",
-             static_cast<int>(cmd), checksum.computed, checksum.received);
+        TLOG_WARN("SAM > data checksum error! cmd:%d, calc value [0x%x] != [0x%x].",
+                  static_cast<int>(cmd), checksum.computed, checksum.received);
         out->result = kResultUntrusted;
         return 0;
     }
@@ -139,7 +139,7 @@ HRESULT read_sam_item(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM*
     const unsigned cmd = in->cmd;
     uvc_extItem_SAM_E wireCmd = EXT_SAM_CMD_0;
     if (impl.SamCmdTransfer(static_cast<_SAM_CMD_E>(cmd), wireCmd) != 0) {
-        TLOG("ReadByExtItem, invalid sam cmd: %d", in->cmd);
+        TLOG_WARN("ReadByExtItem, invalid sam cmd: %d", in->cmd);
         impl.RecoveryMarker();
         return kInvalidCommand;
     }
@@ -151,13 +151,13 @@ HRESULT read_sam_item(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM*
                               nullptr);
     put_request(frame, static_cast<std::uint16_t>(wireCmd));
     if (const HRESULT r = impl._SetBytes(kTransactionSelector, frame.data(), kFrameSize); r != 0) {
-        TLOG("ReadByExtItem, _SetBytes error. extItemType=%d, hr=0x%x", EXT_ITEM_SAM, hex(r));
+        TLOG_WARN("ReadByExtItem, _SetBytes error. extItemType=%d, hr=0x%x", EXT_ITEM_SAM, hex(r));
         impl.RecoveryMarker();
         return r;
     }
     frame.fill(0);
     if (const HRESULT r = impl._GetBytes(kTransactionSelector, frame.data(), kFrameSize); r != 0) {
-        TLOG("ReadByExtItem, _GetBytes error. extItemType=%d, hr=0x%x", EXT_ITEM_SAM, hex(r));
+        TLOG_WARN("ReadByExtItem, _GetBytes error. extItemType=%d, hr=0x%x", EXT_ITEM_SAM, hex(r));
         impl.RecoveryMarker();
         return r;
     }
@@ -168,7 +168,8 @@ HRESULT read_sam_item(TarvikImpl& impl, const _SAM_IN_PARAM* in, _SAM_OUT_PARAM*
     if (answer.cmd != static_cast<int>(cmd)) {
         rejectAnswer(out, "input->cmd == proc->extItemSAM.cmd");
     } else if (handling_of(cmd) == Handling::ResultOnly) {
-        TLOG("SAM > input command: %d, return result: %d", static_cast<int>(cmd), answer.samResult);
+        TLOG_DEBUG("SAM > input command: %d, return result: %d", static_cast<int>(cmd),
+                   answer.samResult);
         out->result = answer.samResult == 0 ? 0 : kResultSamFailed;
     } else if (answer.samResult != 0) {
         out->result = answer.samResult == 1 ? kResultSamBusy : kResultSamFailed;

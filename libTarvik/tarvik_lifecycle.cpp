@@ -3,8 +3,8 @@
 #include <new>
 
 #include "TarvikImpl.h"
-#include "tarvik_log.h"
 #include "camera_opener.h"
+#include "tarvik_log.h"
 #include "tarvik_private.h"
 
 namespace {
@@ -30,9 +30,9 @@ TarvikImpl::TarvikImpl(libusb_device_handle* handle)
     if (handle != nullptr) {
         m_pDevHandle = handle;
         tarvik::adopt_handle(*this, handle);
-        TLOG("libTarvik: use outer handle [%p] directly.\n", static_cast<void*>(handle));
+        TLOG_DEBUG("libTarvik: use outer handle [%p] directly.\n", static_cast<void*>(handle));
     }
-    TLOG("libTarvik build time: %s %s", __DATE__, __TIME__);
+    TLOG_DEBUG("libTarvik build time: %s %s", __DATE__, __TIME__);
 }
 
 TarvikImpl::~TarvikImpl() {
@@ -86,7 +86,7 @@ extern "C" TARVIK_API libTarvik* zq_CreateTarvikOnVideo(const char* videoNode) {
     target.videoNode = videoNode != nullptr ? videoNode : "";
     target.choice = tarvik::Choice::kKernel;
     const int r = tarvik::open_camera(*impl, target, tarvik::InUse::kKeep);
-    TLOG("libTarvik: sdk inner open device %s.\n", r == 0 ? "ok" : "failed");
+    tarvik::say_opened(r);
     if (r != 0) {
         delete impl;
         return nullptr;

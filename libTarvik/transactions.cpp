@@ -30,7 +30,7 @@ HRESULT TarvikImpl::ReadByExtItem(UVC_EXT_ITEM_E item, void* input, void* output
     tarvik::clear_transfer_failure();
     CheckDataSize();
     if (const HRESULT r = SetMarker(); r != 0) {
-        TLOG("ReadByExtItem 1 error. hr = 0x%x", hex(r));
+        TLOG_WARN("ReadByExtItem 1 error. hr = 0x%x", hex(r));
         return r;
     }
     if (item == EXT_ITEM_SAM) {
@@ -44,22 +44,22 @@ HRESULT TarvikImpl::ReadByExtItem(UVC_EXT_ITEM_E item, void* input, void* output
     if (dataBlock) {
         ++m_nLastId;
         tarvik::frame::set_trans_id(frame, m_nLastId);
-        TLOG("===== read, tell m_nLastId [%d] to device, next _SetBytes...", m_nLastId);
+        TLOG_DEBUG("===== read, tell m_nLastId [%d] to device, next _SetBytes...", m_nLastId);
     }
     if (const HRESULT r = _SetBytes(kTransactionSelector, frame.data(), kFrameSize); r != 0) {
-        TLOG("ReadByExtItem, _SetBytes error. extItemType=%d, hr=0x%x", static_cast<int>(item),
-             hex(r));
+        TLOG_WARN("ReadByExtItem, _SetBytes error. extItemType=%d, hr=0x%x", static_cast<int>(item),
+                  hex(r));
         RecoveryMarker();
         return r;
     }
     if (dataBlock) {
         ++m_nLastId;
-        TLOG("===== read, m_nLastId [%d], next _GetBytes...", m_nLastId);
+        TLOG_DEBUG("===== read, m_nLastId [%d], next _GetBytes...", m_nLastId);
     }
     frame.fill(0);
     if (const HRESULT r = _GetBytes(kTransactionSelector, frame.data(), kFrameSize); r != 0) {
-        TLOG("ReadByExtItem, _GetBytes error. extItemType=%d, hr=0x%x", static_cast<int>(item),
-             hex(r));
+        TLOG_WARN("ReadByExtItem, _GetBytes error. extItemType=%d, hr=0x%x", static_cast<int>(item),
+                  hex(r));
         RecoveryMarker();
         return r;
     }
@@ -76,7 +76,7 @@ HRESULT TarvikImpl::WriteByExtItem(UVC_EXT_ITEM_E item, void* input) {
     tarvik::TransactionLock lock(m_mutex, m_pPrivate->cameraLock);
     tarvik::clear_transfer_failure();
     if (const HRESULT r = SetMarker(); r != 0) {
-        TLOG("WriteByExtItem 1 error. hr = 0x%x", hex(r));
+        TLOG_WARN("WriteByExtItem 1 error. hr = 0x%x", hex(r));
         return r;
     }
     CheckDataSize();
@@ -87,7 +87,7 @@ HRESULT TarvikImpl::WriteByExtItem(UVC_EXT_ITEM_E item, void* input) {
         if (item == EXT_ITEM_DATA_BLOCK) {
             ++m_nLastId;
             tarvik::frame::set_trans_id(frame, m_nLastId);
-            TLOG("===== write, tell m_nLastId [%d] to device, next _SetBytes...", m_nLastId);
+            TLOG_DEBUG("===== write, tell m_nLastId [%d] to device, next _SetBytes...", m_nLastId);
         }
         result = _SetBytes(kTransactionSelector, frame.data(), kFrameSize);
     }

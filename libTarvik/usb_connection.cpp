@@ -2,6 +2,7 @@
 // libusb when the library opens it itself.
 #include <cerrno>
 #include <cstdio>
+#include <mutex>
 
 #include "TarvikImpl.h"
 #include "camera_opener.h"
@@ -28,9 +29,28 @@ UsbErrno usbErrnoNow() {
 }
 
 void printDeviceLine(const libusb_device_descriptor& desc, libusb_device* dev) {
-    tarvik::LogPlain(tarvik::Stream::kOut, "vid:pid[0x%04x:0x%04x] (bus %d, device %d)\n",
-                     desc.idVendor, desc.idProduct, libusb_get_bus_number(dev),
-                     libusb_get_device_address(dev));
+    tarvik::LogPlain(tarvik::Level::kDebug, tarvik::Stream::kOut,
+                     "vid:pid[0x%04x:0x%04x] (bus %d, device %d)\n", desc.idVendor, desc.idProduct,
+                     libusb_get_bus_number(dev), libusb_get_device_address(dev));
+}
+
+// libusb's own messages take the library's way too (standard error by
+// default), at their level. A context's handler would not do: libusb writes
+// to standard error as well unless a handler for the whole process is set.
+void route_libusb_log() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        libusb_set_log_cb(
+            nullptr,
+            [](libusb_context*, enum libusb_log_level level, const char* line) {
+                const tarvik::Level ours = level == LIBUSB_LOG_LEVEL_ERROR ? tarvik::Level::kError
+                                           : level == LIBUSB_LOG_LEVEL_WARNING
+                                               ? tarvik::Level::kWarning
+                                               : tarvik::Level::kDebug;
+                tarvik::LogPlain(ours, tarvik::Stream::kErr, "%s", line);
+            },
+            LIBUSB_LOG_CB_GLOBAL);
+    });
 }
 
 // libusb's context, with its log level and its messages on the library's
@@ -39,16 +59,12 @@ libusb_context* start_libusb() {
     libusb_context* context = nullptr;
     if (libusb_init(&context) < 0) {
         const UsbErrno e = usbErrnoNow();
-        TLOG("libTarvik: libusb_init failed. libusb errno=%d, %s, %s.\n", e.code, e.name, e.text);
+        TLOG_ERROR("libTarvik: libusb_init failed. libusb errno=%d, %s, %s.\n", e.code, e.name,
+                   e.text);
         return nullptr;
     }
     libusb_set_option(context, LIBUSB_OPTION_LOG_LEVEL, kLibusbLogLevelInfo);
-    libusb_set_log_cb(
-        context,
-        [](libusb_context*, enum libusb_log_level, const char* line) {
-            tarvik::LogPlain(tarvik::Stream::kErr, "%s", line);
-        },
-        LIBUSB_LOG_CB_CONTEXT);
+    route_libusb_log();
     return context;
 }
 
@@ -62,7 +78,8 @@ bool is_wanted(const libusb_device_descriptor& desc, libusb_device* dev,
         const int devBus = libusb_get_bus_number(dev);
         const int devAddress = libusb_get_device_address(dev);
         if (!wildcard && (devBus != bus || devAddress != address)) continue;
-        tarvik::LogPlain(tarvik::Stream::kOut, "ok, %s, 0x%04x:0x%04x (bus %d, device %d)\n",
+        tarvik::LogPlain(tarvik::Level::kDebug, tarvik::Stream::kOut,
+                         "ok, %s, 0x%04x:0x%04x (bus %d, device %d)\n",
                          wildcard ? "found" : "matched", desc.idVendor, desc.idProduct, devBus,
                          devAddress);
         return true;
@@ -78,7 +95,7 @@ libusb_device* choose_device(libusb_device** list, ssize_t count,
         if (libusb_get_device_descriptor(list[i], &desc) != 0) {
             const UsbErrno e = usbErrnoNow();
             tarvik::LogPlain(
-                tarvik::Stream::kErr,
+                tarvik::Level::kWarning, tarvik::Stream::kErr,
                 "libTarvik: libusb_get_device_descriptor failed. libusb errno=%d, %s, %s.\n",
                 e.code, e.name, e.text);
             continue;
@@ -96,8 +113,8 @@ int detach_video_driver(libusb_device_handle* handle, bool& detached) {
     if (libusb_kernel_driver_active(handle, kInterface) == 0) return 0;
     if (const int r = libusb_detach_kernel_driver(handle, kInterface); r != 0) {
         const UsbErrno e = usbErrnoNow();
-        TLOG("libTarvik: libusb_detach_kernel_driver error. libusb errno=%d, %s, %s.\n", e.code,
-             e.name, e.text);
+        TLOG_ERROR("libTarvik: libusb_detach_kernel_driver error. libusb errno=%d, %s, %s.\n",
+                   e.code, e.name, e.text);
         return r;
     }
     detached = true;
@@ -121,25 +138,25 @@ HRESULT TarvikImpl::CreateUsbHandle(int bus, int deviceAddress) {
     target.address = deviceAddress;
     target.choice = tarvik::choice_from_environment();
     const int r = tarvik::open_camera(*this, target, tarvik::InUse::kKeep);
-    TLOG("libTarvik: sdk inner open device %s.\n", r == 0 ? "ok" : "failed");
+    tarvik::say_opened(r);
     return r == 0 ? 0 : 11;
 }
 
 // The USB path's leaf: libusb finds the camera, opens it, takes interface 0
 // from the video driver and claims it. It opens nothing else.
 int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
-    TLOG("libTarvik: libusb_init...\n");
+    TLOG_DEBUG("libTarvik: libusb_init...\n");
     m_pContext = start_libusb();
     if (m_pContext == nullptr) {
         return -1;
     }
-    TLOG("libTarvik: libusb_get_device_list...\n");
+    TLOG_DEBUG("libTarvik: libusb_get_device_list...\n");
     libusb_device** list = nullptr;
     const ssize_t count = libusb_get_device_list(m_pContext, &list);
     if (count < 0) {
         const UsbErrno e = usbErrnoNow();
-        TLOG("libTarvik: libusb_get_device_list failed. libusb errno=%d, %s, %s.\n", e.code, e.name,
-             e.text);
+        TLOG_ERROR("libTarvik: libusb_get_device_list failed. libusb errno=%d, %s, %s.\n", e.code,
+                   e.name, e.text);
         release_libusb();
         return -1;
     }
@@ -147,8 +164,8 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
     if (chosen == nullptr) {
         libusb_free_device_list(list, 1);
         const UsbErrno e = usbErrnoNow();
-        TLOG("libTarvik: not found, bus: %d dev: %d. libusb errno=%d, %s, %s.\n", bus,
-             deviceAddress, e.code, e.name, e.text);
+        TLOG_ERROR("libTarvik: not found, bus: %d dev: %d. libusb errno=%d, %s, %s.\n", bus,
+                   deviceAddress, e.code, e.name, e.text);
         release_libusb();
         return -1;
     }
@@ -160,8 +177,8 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
     if (openResult < 0 || handle == nullptr) {
         p.openFailure = openResult < 0 ? openResult : LIBUSB_ERROR_OTHER;
         const UsbErrno e = usbErrnoNow();
-        TLOG("libTarvik: found, but libusb_open failed. libusb errno=%d, %s, %s.\n", e.code, e.name,
-             e.text);
+        TLOG_ERROR("libTarvik: found, but libusb_open failed. libusb errno=%d, %s, %s.\n", e.code,
+                   e.name, e.text);
         release_libusb();
         return -1;
     }
@@ -179,7 +196,7 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
     p.interfaceClaimed = claimed == 0;
     if (claimed == LIBUSB_ERROR_BUSY) {
         p.openFailure = claimed;
-        TLOG(
+        TLOG_WARN(
             "libTarvik: the camera is in use by another program; its transfers will fail until "
             "that program lets it go.\n");
     }
@@ -189,7 +206,7 @@ int TarvikImpl::initialize_libusb(int bus, int deviceAddress) {
     p.transport = tarvik::MakeUsbTransport(handle, m_pContext);
     p.bus = libusb_get_bus_number(libusb_get_device(handle));
     p.address = libusb_get_device_address(libusb_get_device(handle));
-    TLOG("libTarvik: initialize_libusb ok.\n");
+    TLOG_DEBUG("libTarvik: initialize_libusb ok.\n");
     return 0;
 }
 
@@ -211,7 +228,7 @@ void TarvikImpl::release_libusb() {
         libusb_exit(m_pContext);
         m_pContext = nullptr;
     }
-    TLOG("libTarvik: release_libusb.\n");
+    TLOG_DEBUG("libTarvik: release_libusb.\n");
 }
 
 void print_devs(libusb_device** list) {
@@ -221,7 +238,8 @@ void print_devs(libusb_device** list) {
     for (libusb_device** it = list; *it != nullptr; ++it) {
         libusb_device_descriptor desc{};
         if (libusb_get_device_descriptor(*it, &desc) < 0) {
-            tarvik::LogPlain(tarvik::Stream::kErr, "failed to get device descriptor");
+            tarvik::LogPlain(tarvik::Level::kWarning, tarvik::Stream::kErr,
+                             "failed to get device descriptor");
             return;
         }
         printDeviceLine(desc, *it);

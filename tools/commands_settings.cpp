@@ -128,7 +128,8 @@ int SetMode(Session& session, const std::vector<std::string>& values) {
                             "); they must be equal");
     }
     Check(tarvik_write_exposure_mode(session.Camera(), left, right), "exposure set-mode");
-    const auto sent = static_cast<uint8_t>(static_cast<uint32_t>(left) & 0xFFu);  // the mode's low byte
+    const auto sent =
+        static_cast<uint8_t>(static_cast<uint32_t>(left) & 0xFFu);  // the mode's low byte
     session.Out().Ok(Eyes("mode", sent, sent), "");
     return kExitOk;
 }

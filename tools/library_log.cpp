@@ -20,6 +20,8 @@ LibraryLog::LibraryLog(bool verbose, const std::string& file) : m_verbose(verbos
     // Installed even when the lines go nowhere: the library's default is standard output,
     // which belongs to the results.
     tarvik_set_log_handler(&LibraryLog::Handle, this);
+    // Every line when someone reads them; none is formatted otherwise.
+    tarvik_set_log_level(verbose || m_file != nullptr ? TARVIK_LOG_DEBUG : TARVIK_LOG_ERROR);
 }
 
 LibraryLog::~LibraryLog() {
@@ -29,7 +31,7 @@ LibraryLog::~LibraryLog() {
 
 // Each line comes without its line end; a log that can't be written is not worth
 // failing a command for.
-void LibraryLog::Handle(const char* line, void* user) {
+void LibraryLog::Handle(int /*level*/, const char* line, void* user) {
     const auto* self = static_cast<const LibraryLog*>(user);
     if (self->m_verbose) std::fprintf(stderr, "%s\n", line);
     if (self->m_file != nullptr) {

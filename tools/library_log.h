@@ -18,7 +18,7 @@ public:
     LibraryLog& operator=(const LibraryLog&) = delete;
 
 private:
-    static void Handle(const char* line, void* user);
+    static void Handle(int level, const char* line, void* user);
 
     bool m_verbose;
     std::FILE* m_file = nullptr;

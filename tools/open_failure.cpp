@@ -4,7 +4,6 @@
 #include <optional>
 #include <string>
 
-
 namespace tarvikctl {
 
 namespace {

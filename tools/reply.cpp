@@ -31,8 +31,10 @@ std::string DescribeSamCode(int code) {
 }
 
 Json ErrorJson(int result, const std::string& message, const Json& context) {
-    Json out{
-        {"ok", false}, {"result", result}, {"error", tarvik_result_name(result)}, {"message", message}};
+    Json out{{"ok", false},
+             {"result", result},
+             {"error", tarvik_result_name(result)},
+             {"message", message}};
     out.update(context);
     return out;
 }

@@ -15,9 +15,8 @@
  * negative codes (TARVIK_LIBUSB_ERROR_*, the same numbers as libusb's own), or
  * one of the TARVIK_E_ codes below. tarvik_result_name and tarvik_strerror
  * name and word each; a code they do not know is "UNKNOWN". A camera may be used from several
- * threads at once; each call is whole. Text is UTF-8. The library's log lines
- * go to standard output unless TARVIK_LOG=stderr|off or a log handler says
- * otherwise. */
+ * threads at once; each call is whole. Text is UTF-8. Log lines: see "the
+ * log" below. */
 #ifndef TARVIK_H
 #define TARVIK_H
 
@@ -224,10 +223,26 @@ TARVIK_API const char* tarvik_result_name(int result);
 TARVIK_API const char* tarvik_sam_strerror(int sam_result);
 TARVIK_API const char* tarvik_version(void);
 
-/* Each log line of the library (without its leading carriage return and its
- * trailing line feed) goes to `handler`, on the thread that logs it; null
- * restores the destination TARVIK_LOG names (standard output by default). */
-typedef void (*tarvik_log_handler)(const char* line, void* user);
+/* --- the log ---
+ * Every line of the library has a level. A program that uses this interface
+ * gets no line on standard output: by default warnings and errors go to
+ * standard error, one line each. tarvik_set_log_level keeps more or fewer;
+ * a handler receives them instead. TARVIK_LOG=stdout|stderr|off in the
+ * environment sends every line (as the C++ interface writes them) to that
+ * stream, or nowhere, for the whole process. */
+#define TARVIK_LOG_ERROR 3   /* a camera could not be opened */
+#define TARVIK_LOG_WARNING 4 /* a failure the result reports too, a retry, a slow call */
+#define TARVIK_LOG_DEBUG 7   /* progress: timing, counters, the SAM's steps, a camera opened */
+
+/* Lines less severe than `level` are dropped: TARVIK_LOG_DEBUG keeps all. */
+TARVIK_API void tarvik_set_log_level(int level);
+
+/* Each kept line, without its leading carriage return and its trailing line
+ * feed, goes to `handler` with its level, on the thread that logs it, while
+ * the library holds its log lock: the handler must be quick and must not call
+ * the library. Null restores the default destination. Lines never carry card
+ * data. */
+typedef void (*tarvik_log_handler)(int level, const char* line, void* user);
 TARVIK_API void tarvik_set_log_handler(tarvik_log_handler handler, void* user);
 
 #ifdef __cplusplus

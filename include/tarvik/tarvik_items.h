@@ -47,7 +47,6 @@ struct uvc_extDataBlock {
     unsigned char data[48];
 };
 
-
 // Maps the SAM's three status bytes to its response code (0 and 1: success).
 TARVIK_API int GetSAMResponseCode(unsigned char sw1, unsigned char sw2, unsigned char sw3);
 

@@ -27,19 +27,19 @@ using Params = void (*)(frame::Frame&, const void* input);
 using Encode = void (*)(frame::Frame&, const void* record);
 
 struct Read {
-    bool handled;     // the read transaction takes the item
-    bool needsOutput;  // records checked before anything is sent
-    bool needsInput;   // (also: the retry routine passes the input on)
-    Run answer;        // regular items
-    Decode decode;     // irregular ones (the SAM's answer is the SAM channel's)
-    Params params;     // request parameters, if any
+    bool handled;           // the read transaction takes the item
+    bool needsOutput;       // records checked before anything is sent
+    bool needsInput;        // (also: the retry routine passes the input on)
+    Run answer;             // regular items
+    Decode decode;          // irregular ones (the SAM's answer is the SAM channel's)
+    Params params;          // request parameters, if any
     std::size_t record;     // the caller's record: what a retry clears, what the C interface needs
     const char* retryName;  // the retry routine's line; null: not in its table
 };
 
 struct Write {
     bool handled;
-    Run payload;   // regular items
+    Run payload;    // regular items
     Encode encode;  // irregular ones
     std::size_t record;
     const char* retryName;

@@ -44,7 +44,7 @@ from .errors import (
     result_name,
     strerror,
 )
-from .log import set_log_handler
+from .log import set_log_handler, set_log_level
 
 __all__ = [
     "AccessDenied",
@@ -79,6 +79,7 @@ __all__ = [
     "list_cameras",
     "result_name",
     "set_log_handler",
+    "set_log_level",
     "strerror",
     "version",
 ]

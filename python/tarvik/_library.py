@@ -6,6 +6,7 @@ import functools
 import os
 from ctypes import POINTER, c_char, c_char_p, c_int, c_size_t, c_uint, c_void_p
 from ctypes import c_int32, c_uint8, c_uint16, c_uint32
+from typing import Callable, List
 
 LIBRARY_ENV = "TARVIK_LIBRARY"
 LIBRARY_NAME = "libTarvik.so.1"
@@ -65,7 +66,7 @@ class CardRecord(ctypes.Structure):
     ]
 
 
-LOG_HANDLER = ctypes.CFUNCTYPE(None, c_char_p, c_void_p)
+LOG_HANDLER = ctypes.CFUNCTYPE(None, c_int, c_char_p, c_void_p)
 
 _CAMERA = c_void_p  # tarvik_camera*, opaque
 _I32x4 = c_int32 * 4
@@ -106,7 +107,12 @@ _PROTOTYPES = {
     "tarvik_sam_strerror": (c_char_p, [c_int]),
     "tarvik_version": (c_char_p, []),
     "tarvik_set_log_handler": (None, [LOG_HANDLER, c_void_p]),
+    "tarvik_set_log_level": (None, [c_int]),
 }
+
+
+# What the package does with the library once it is loaded (the log's route).
+ON_LOAD: List[Callable[[ctypes.CDLL], None]] = []
 
 
 @functools.lru_cache(maxsize=None)
@@ -120,4 +126,6 @@ def lib() -> ctypes.CDLL:
         function = getattr(handle, name)
         function.restype = restype
         function.argtypes = argtypes
+    for hook in ON_LOAD:
+        hook(handle)
     return handle

@@ -1,6 +1,7 @@
 # The Python binding on the simulated camera (tarvik-sim run, its default camera and card);
 # test_no_camera alone under tarvik-sim run --cameras 0, test_no_card under --no-card.
 import datetime
+import logging
 import os
 
 import pytest
@@ -23,10 +24,13 @@ def cam():
 
 @pytest.fixture
 def lines():
+    """Every line of the library, as logging records."""
     got = []
+    tarvik.set_log_level(logging.DEBUG)
     tarvik.set_log_handler(got.append)
     yield got
     tarvik.set_log_handler(None)
+    tarvik.set_log_level(logging.WARNING)
 
 
 # Valid for life, no such month, digits that are not ASCII ones: the text stays.
@@ -78,7 +82,7 @@ def test_closed_once_and_use_after_close(lines):
     with tarvik.Camera(bus=1, address=2) as camera:
         pass
     camera.close()
-    assert sum("release" in line for line in lines) == 1
+    assert sum("release" in r.getMessage() for r in lines) == 1
     with pytest.raises(tarvik.NotOpen):
         camera.roi
     camera.open()
@@ -112,12 +116,18 @@ def test_listed_and_opened_where_asked(how, node, path):
         tarvik.Camera(serial=SERIAL + "0")
 
 
-def test_log_handler(cam, lines, capfd):
+def test_log_handler_and_logger(cam, lines, capfd, caplog):
     cam.roi
-    tarvik.set_log_handler(lambda line: 1 / 0)
+    tarvik.set_log_handler(lambda record: 1 / 0)
     assert cam.roi
     tarvik.set_log_handler(None)
-    cam.roi
+    with caplog.at_level(logging.DEBUG, logger="tarvik"):
+        cam.roi
     out, err = capfd.readouterr()
-    assert lines and all(line.startswith("[File:") and "\n" not in line for line in lines)
-    assert "ZeroDivisionError" in err and "ReadROI" in out
+    messages = [r.getMessage() for r in lines]
+    assert messages and all(m.startswith("[File:") and "\n" not in m for m in messages)
+    assert {r.levelno for r in lines} == {logging.DEBUG} and out == ""
+    assert "ZeroDivisionError" in err
+    assert any("ReadROI" in r.getMessage() and r.name == "tarvik" for r in caplog.records)
+    with pytest.raises(TypeError):
+        tarvik.set_log_handler(42)

@@ -61,7 +61,7 @@ std::string Logged(const std::function<void()>& f) {
 
 TEST(Log, PrefixAndTimingForm) {
     const int line = __LINE__ + 1;
-    EXPECT_EQ(Logged([] { TLOG("-----> SetMarker, hr=0x%x", static_cast<unsigned>(-2)); }),
+    EXPECT_EQ(Logged([] { TLOG_WARN("-----> SetMarker, hr=0x%x", static_cast<unsigned>(-2)); }),
               "\r[File:tests/unit/common_test.cpp, Line:" + std::to_string(line) +
                   "] -----> SetMarker, hr=0xfffffffe");
     struct Row {
