@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "TarvikImpl.h"
@@ -72,6 +73,11 @@ void copy_text(const std::string& from, char (&to)[N]) {
     to[N - 1] = '\0';
 }
 
+// The commands the SAM has (5 is none).
+bool sam_command_exists(int command) {
+    return command >= TARVIK_SAM_CMD_STATUS && command <= TARVIK_SAM_CMD_7 && command != 5;
+}
+
 // A whole exchange with the SAM that it answered with a failure.
 int with_sam_verdict(int result, int samCode) {
     return result == 0 && samCode != 0 && samCode != 1 ? TARVIK_E_SAM : result;
@@ -92,14 +98,17 @@ int item_info(const tarvik::items::Item* item, tarvik_item_info* info) {
     return 0;
 }
 
-// Whether a record of `size` bytes fits the item's in that direction. Items
-// the transaction does not handle that way pass, and get TARVIK_E_NOT_HANDLED.
-bool record_fits(int number, size_t size, bool write) {
-    const tarvik::items::Item* item = tarvik::items::find(static_cast<std::uint32_t>(number));
-    if (item == nullptr) return true;
+// What a call of tarvik_read_item or tarvik_write_item gets before anything is
+// sent: 0 to go on, TARVIK_E_INVALID_ARGUMENT for no such item or a record of
+// the wrong size, TARVIK_E_NOT_HANDLED for an item not moved that way.
+int check_item_call(int number, size_t size, bool write) {
+    const tarvik::items::Item* item =
+        number < 0 ? nullptr : tarvik::items::find(static_cast<std::uint32_t>(number));
+    if (item == nullptr) return TARVIK_E_INVALID_ARGUMENT;
     const int want = c_record_size(*item, write);
-    if (want < 0) return true;
-    return write ? size == static_cast<size_t>(want) : size >= static_cast<size_t>(want);
+    if (want < 0) return number == EXT_ITEM_SAM ? TARVIK_E_INVALID_ARGUMENT : TARVIK_E_NOT_HANDLED;
+    const bool fits = write ? size == static_cast<size_t>(want) : size >= static_cast<size_t>(want);
+    return fits ? 0 : TARVIK_E_INVALID_ARGUMENT;
 }
 
 }  // namespace
@@ -147,7 +156,7 @@ int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
         target.bus = o.bus;
         target.address = o.address;
         target.videoNode = o.video_node != nullptr ? o.video_node : "";
-        target.serial = o.serial != nullptr ? o.serial : "";
+        if (o.serial != nullptr) target.serial = o.serial;
         target.choice = kChoices[transport];
         auto impl = std::make_unique<TarvikImpl>();
         const int r = tarvik::open_camera(*impl, target, tarvik::InUse::kRefuse);
@@ -173,12 +182,15 @@ int tarvik_describe(tarvik_camera* camera, tarvik_camera_info* info, tarvik_tran
         info->bus = p.bus;
         info->address = p.address;
         *transport = p.videoNode.empty() ? TARVIK_TRANSPORT_USB : TARVIK_TRANSPORT_KERNEL;
-        for (const tarvik::UsbCamera& c : tarvik::find_cameras()) {
-            if (c.bus != p.bus || c.address != p.address) continue;
-            copy_text(c.serial, info->serial);
-            copy_text(p.videoNode.empty() ? tarvik::capture_node(c) : p.videoNode,
-                      info->video_node);
+        // Which camera this object is stays known when the camera has left; its
+        // capture node is the one opened, or (USB path) the one it has now.
+        copy_text(p.serial, info->serial);
+        std::string node = p.videoNode;
+        if (node.empty()) {
+            const std::optional<tarvik::UsbCamera> now = tarvik::find_camera(p.bus, p.address);
+            if (now) node = tarvik::capture_node(*now);
         }
+        copy_text(node, info->video_node);
         return HRESULT{0};
     });
 }
@@ -367,9 +379,10 @@ int tarvik_write_exposure_mode(tarvik_camera* camera, int32_t left, int32_t righ
 
 int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* output,
                      size_t size) {
-    const bool given = output != nullptr && record_fits(item, size, false) &&
-                       item != EXT_ITEM_SAM && (item != EXT_ITEM_VCM || input != nullptr);
-    return on_camera(camera, given, [&](TarvikImpl& t) {
+    const bool given = output != nullptr && (item != EXT_ITEM_VCM || input != nullptr);
+    if (camera == nullptr || !given) return TARVIK_E_INVALID_ARGUMENT;
+    if (const int refused = check_item_call(item, size, false); refused != 0) return refused;
+    return on_camera(camera, true, [&](TarvikImpl& t) {
         const auto it = static_cast<UVC_EXT_ITEM_E>(item);
         if (item == EXT_ITEM_DATA_BLOCK) return t.ReadByExtItem(it, output, nullptr);
         return t.ReadByExtItem(it, const_cast<void*>(input), output);
@@ -377,14 +390,16 @@ int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* o
 }
 
 int tarvik_write_item(tarvik_camera* camera, int item, const void* record, size_t size) {
-    return on_camera(
-        camera, record != nullptr && record_fits(item, size, true), [&](TarvikImpl& t) {
-            return t.WriteByExtItem(static_cast<UVC_EXT_ITEM_E>(item), const_cast<void*>(record));
-        });
+    if (camera == nullptr || record == nullptr) return TARVIK_E_INVALID_ARGUMENT;
+    if (const int refused = check_item_call(item, size, true); refused != 0) return refused;
+    return on_camera(camera, true, [&](TarvikImpl& t) {
+        return t.WriteByExtItem(static_cast<UVC_EXT_ITEM_E>(item), const_cast<void*>(record));
+    });
 }
 
 int tarvik_sam_command(tarvik_camera* camera, int command, int* samResult, uint8_t number[16]) {
-    const bool given = samResult != nullptr && command >= 0 && command <= 0xFF;
+    const bool given = samResult != nullptr && sam_command_exists(command) &&
+                       (command != TARVIK_SAM_CMD_NUMBER || number != nullptr);
     int code = 0;
     const int r = on_camera(camera, given, [&](TarvikImpl& t) {
         auto out = std::make_unique<_SAM_OUT_PARAM>();
@@ -392,6 +407,7 @@ int tarvik_sam_command(tarvik_camera* camera, int command, int* samResult, uint8
         const HRESULT hr = t.ReadByExtItem(EXT_ITEM_SAM, &in, out.get());
         code = out->result;
         if (number != nullptr) std::memcpy(number, out->number, sizeof out->number);
+        tarvik::sam::wipe(*out);  // commands 3 and 4 read a card into it
         return hr;
     });
     if (samResult != nullptr) *samResult = code;
@@ -399,7 +415,8 @@ int tarvik_sam_command(tarvik_camera* camera, int command, int* samResult, uint8
 }
 
 int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags) {
-    if (card == nullptr) return TARVIK_E_INVALID_ARGUMENT;
+    if (card == nullptr || (flags & ~TARVIK_CARD_THIRD_BLOCK) != 0)
+        return TARVIK_E_INVALID_ARGUMENT;
     tarvik_card_clear(card);
     const bool third = (flags & TARVIK_CARD_THIRD_BLOCK) != 0;
     const int r = on_camera(camera, true, [&](TarvikImpl& t) {
@@ -423,7 +440,9 @@ int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags) {
         utf8_of(out->reserved, card->reserved, sizeof card->reserved);
         std::memcpy(card->photo, out->photo, sizeof card->photo);
         std::memcpy(card->third_block, out->fingerprint, sizeof card->third_block);
-        card->has_third_block = third && hr == 0 ? 1 : 0;
+        const bool delivered =
+            hr == 0 && (out->result == TARVIK_SAM_OK || out->result == TARVIK_SAM_OK_9F);
+        card->has_third_block = third && delivered ? 1 : 0;
         tarvik::sam::wipe(*out);
         codes.Wipe();
         return hr;

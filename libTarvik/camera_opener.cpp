@@ -30,10 +30,14 @@ bool kernel_path_usable(int bus, int address) {
     return true;
 }
 
-// The camera's lock file, for the camera the object opened; says so once when
-// it cannot be made.
-void open_camera_lock(TarvikPrivate& p) {
+// Which camera the object opened, and its lock file; says so once when none
+// can be made.
+void note_identity_and_lock(TarvikPrivate& p) {
     const std::optional<UsbCamera> camera = find_camera(p.bus, p.address);
+    if (camera) {
+        p.serial = camera->serial;
+        p.sysfsPath = camera->path;
+    }
     std::string why = "the camera is not in sysfs";
     if (camera && p.cameraLock.Open(camera->name, why)) return;
     TLOG_WARN(
@@ -70,8 +74,8 @@ int open_camera(TarvikImpl& impl, const CameraTarget& target, InUse inUse) {
     impl.CloseCamera();
     int bus = target.bus;
     int address = target.address;
-    if (target.videoNode.empty() && !target.serial.empty()) {
-        const std::optional<UsbCamera> camera = find_camera_by_serial(target.serial);
+    if (target.videoNode.empty() && target.serial) {
+        const std::optional<UsbCamera> camera = find_camera_by_serial(*target.serial);
         if (!camera) return TARVIK_E_NO_CAMERA;
         bus = camera->bus;
         address = camera->address;
@@ -85,7 +89,7 @@ int open_camera(TarvikImpl& impl, const CameraTarget& target, InUse inUse) {
         impl.CloseCamera();
         return TARVIK_LIBUSB_ERROR_BUSY;
     }
-    open_camera_lock(p);
+    note_identity_and_lock(p);
     return 0;
 }
 
@@ -100,7 +104,7 @@ void adopt_handle(TarvikImpl& impl, libusb_device_handle* handle) {
     libusb_device* device = libusb_get_device(handle);
     p.bus = libusb_get_bus_number(device);
     p.address = libusb_get_device_address(device);
-    open_camera_lock(p);
+    note_identity_and_lock(p);
 }
 
 }  // namespace tarvik

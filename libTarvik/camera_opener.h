@@ -8,6 +8,7 @@
 
 #include <libusb.h>
 
+#include <optional>
 #include <string>
 
 class TarvikImpl;
@@ -27,7 +28,7 @@ struct CameraTarget {
     int bus = -1;
     int address = -1;
     std::string videoNode;
-    std::string serial;
+    std::optional<std::string> serial;  // "" is a serial no camera has
     Choice choice = Choice::kUsb;
 };
 

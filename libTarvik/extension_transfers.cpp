@@ -1,5 +1,6 @@
 // GET_CUR, SET_CUR and GET_LEN on the extension unit, each under m_mutex, and
 // the one-time transaction marker on selector 1.
+#include <fstream>
 #include <vector>
 
 #include "TarvikImpl.h"
@@ -19,10 +20,25 @@ constexpr unsigned kValueBytes = 4;
 
 thread_local int t_lastTransferFailure = 0;
 
+// Whether the camera `p` opened is still on the bus: its sysfs directory is
+// there with the same device number. Unknown (an adopted handle outside
+// sysfs) counts as there.
+bool still_there(const tarvik::TarvikPrivate& p) {
+    if (p.sysfsPath.empty()) return true;
+    std::ifstream devnum(p.sysfsPath + "/devnum");
+    int address = 0;
+    return static_cast<bool>(devnum >> address) && address == p.address;
+}
+
 // 0 when exactly `length` bytes moved; otherwise libusb's result: a negative
-// error code, or the short count.
-int transferResult(int moved, int length) {
+// error code, or the short count. Once the camera has left the bus every
+// failure is LIBUSB_ERROR_NO_DEVICE, whatever the path made of it (the video
+// driver answers a control it cannot size any more as unsupported).
+int transferResult(const tarvik::TarvikPrivate& p, int moved, int length) {
     if (moved == length) return 0;
+    if (moved < 0 && moved != LIBUSB_ERROR_NO_DEVICE && !still_there(p)) {
+        moved = LIBUSB_ERROR_NO_DEVICE;
+    }
     tarvik::note_transfer_failure(moved);
     return moved;
 }
@@ -40,7 +56,7 @@ int TarvikImpl::read_from_uvc_extension(int selector, int length, unsigned char*
     if (transport == nullptr) {
         return kNoHandle;
     }
-    return transferResult(transport->GetCur(selector, data, static_cast<std::uint16_t>(length)),
+    return transferResult(*m_pPrivate, transport->GetCur(selector, data, static_cast<std::uint16_t>(length)),
                           length);
 }
 
@@ -49,7 +65,7 @@ int TarvikImpl::write_to_uvc_extension(int selector, int length, unsigned char* 
     if (transport == nullptr) {
         return kNoHandle;
     }
-    return transferResult(transport->SetCur(selector, data, static_cast<std::uint16_t>(length)),
+    return transferResult(*m_pPrivate, transport->SetCur(selector, data, static_cast<std::uint16_t>(length)),
                           length);
 }
 

@@ -20,9 +20,12 @@ public:
     std::string videoNode;
     // The USB path: interface 0 claimed after the kernel driver was detached.
     bool interfaceClaimed = false;
-    // Where the camera sits, once open.
+    // Where the camera sits, once open, and which camera it is: its USB
+    // serial and its sysfs directory (kept when the camera leaves).
     int bus = 0;
     int address = 0;
+    std::string serial;
+    std::string sysfsPath;
     // Why the last open failed, or found the camera held by another program: a
     // libusb code (ACCESS, BUSY, NO_DEVICE, ...); 0 when nothing was noted.
     int openFailure = 0;

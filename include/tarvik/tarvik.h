@@ -174,19 +174,44 @@ TARVIK_API int tarvik_item_by_name(const char* name, tarvik_item_info* info);
 /* Any extension item, with the library's record of the item (item 10: a
  * tarvik_data_block, both in and out; item 18: `input` holds the mode).
  * `size` is the room in `output` for a read, at least the item's read_size;
- * a write's `size` is exactly the item's write_size. Item 12 is read with
- * tarvik_sam_command and tarvik_read_card. */
+ * a write's `size` is exactly the item's write_size. Checked before anything
+ * is sent: TARVIK_E_INVALID_ARGUMENT for no such item or a wrong size,
+ * TARVIK_E_NOT_HANDLED for an item not read (or written) that way. Item 12 is
+ * read with tarvik_sam_command and tarvik_read_card. */
 TARVIK_API int tarvik_read_item(tarvik_camera* camera, int item, const void* input, void* output,
                                 size_t size);
 TARVIK_API int tarvik_write_item(tarvik_camera* camera, int item, const void* record, size_t size);
 
-/* A SAM command (0-4, 6, 7): the SAM's own code into *sam_result; command 2
- * also fills number (16 bytes; may be null for the others). */
+/* --- the SAM (the camera's secure access module, item 12) ---
+ * Its commands, each one exchange through the camera: */
+#define TARVIK_SAM_CMD_STATUS 0      /* a one-frame exchange: codes 0 and 1 mean a card answered */
+#define TARVIK_SAM_CMD_STATUS_DATA 1 /* the same, with eight bytes the library does not deliver */
+#define TARVIK_SAM_CMD_NUMBER 2      /* the SAM's 16-byte number */
+#define TARVIK_SAM_CMD_READ_CARD 3   /* the card: ten text fields and the photo (tarvik_read_card) */
+#define TARVIK_SAM_CMD_READ_CARD_THIRD 4 /* the same and the card's third block */
+#define TARVIK_SAM_CMD_6 6               /* answered with a code only */
+#define TARVIK_SAM_CMD_7 7               /* answered with a code only */
+
+/* Its codes (tarvik_card.sam_result, *sam_result of tarvik_sam_command):
+ * 0 and 1 are success; tarvik_sam_strerror words every one. */
+#define TARVIK_SAM_OK 0
+#define TARVIK_SAM_OK_9F 1     /* success, status 0x9F */
+#define TARVIK_SAM_UNTRUSTED 2 /* status 0x10, a checksum mismatch or a broken answer */
+#define TARVIK_SAM_NO_CARD 17  /* status 0x80: no card on the reader */
+#define TARVIK_SAM_FAILED (-1) /* an unknown status, or the camera reported a failure */
+#define TARVIK_SAM_FRAME_LOST (-2) /* an answer frame of the SAM's packet was lost */
+#define TARVIK_SAM_BUSY (-3)       /* the camera reported the SAM busy */
+
+/* Runs SAM command `command` (one of TARVIK_SAM_CMD_*): the SAM's own code
+ * into *sam_result; command 2 also fills `number` (16 bytes, required for 2,
+ * may be null for the others). Arguments are checked before anything is sent:
+ * TARVIK_E_INVALID_ARGUMENT for a command that is none or command 2 without
+ * room for the number. TARVIK_E_SAM when the SAM answered with a failure. */
 TARVIK_API int tarvik_sam_command(tarvik_camera* camera, int command, int* sam_result,
                                   uint8_t number[16]);
 
 /* --- identity cards --- */
-#define TARVIK_CARD_THIRD_BLOCK 1u /* read the third block too (SAM command 4) */
+#define TARVIK_CARD_THIRD_BLOCK 1u /* read the third block too (TARVIK_SAM_CMD_READ_CARD_THIRD) */
 
 typedef struct {
     int sam_result; /* the SAM's code: 0 or 1 success */
@@ -204,11 +229,11 @@ typedef struct {
     char reserved[64];
     uint8_t photo[1024];
     uint8_t third_block[1024];
-    int has_third_block;
+    int has_third_block; /* 1 only when the third block was asked for and delivered */
 } tarvik_card;
 
-/* Reads the card on the reader; a failed exchange is tried again up to twice,
- * as every read is. TARVIK_E_SAM when the SAM answered with a failure (no
+/* Reads the card on the reader (flags: 0 or TARVIK_CARD_THIRD_BLOCK); a
+ * failed exchange is tried again up to twice, as every read is. TARVIK_E_SAM when the SAM answered with a failure (no
  * card, say): card->sam_result holds its code. */
 TARVIK_API int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsigned flags);
 
@@ -219,7 +244,7 @@ TARVIK_API void tarvik_card_clear(tarvik_card* card);
 TARVIK_API const char* tarvik_strerror(int result);
 /* The code's name ("LIBUSB_ERROR_ACCESS", "TARVIK_E_SAM", "SUCCESS"), "UNKNOWN" for none. */
 TARVIK_API const char* tarvik_result_name(int result);
-/* What a SAM code (tarvik_card.sam_result) means; "unknown SAM code" for none. */
+/* What a SAM code (TARVIK_SAM_*) means; "unknown SAM code" for none. */
 TARVIK_API const char* tarvik_sam_strerror(int sam_result);
 TARVIK_API const char* tarvik_version(void);
 
