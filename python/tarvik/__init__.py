@@ -8,8 +8,11 @@
         print(card.name, card.birth)
 
 The package calls the C interface of libTarvik.so.1 through ctypes: it loads
-the file that TARVIK_LIBRARY names, else libTarvik.so.1 from the loader's path.
-Failures raise TarvikError subclasses that carry the library's result code.
+the file that TARVIK_LIBRARY names, else the library installed beside the
+package (the same prefix), else libTarvik.so.1 from the loader's path; when
+there is none, LibraryMissing says what to install. Failures raise
+TarvikError subclasses that carry the library's result code. The library's
+log lines go to the logging logger "tarvik".
 """
 from __future__ import annotations
 
@@ -24,6 +27,7 @@ from .errors import (
     Interrupted,
     InvalidArgument,
     InvalidSample,
+    LibraryMissing,
     ModesDiffer,
     NoCamera,
     NoMemory,
@@ -46,6 +50,8 @@ from .errors import (
 )
 from .log import set_log_handler, set_log_level
 
+__version__ = "1.0.0"  # the library's version too: tarvik.version()
+
 __all__ = [
     "AccessDenied",
     "Camera",
@@ -59,6 +65,7 @@ __all__ = [
     "Interrupted",
     "InvalidArgument",
     "InvalidSample",
+    "LibraryMissing",
     "ModesDiffer",
     "NoCamera",
     "NoMemory",

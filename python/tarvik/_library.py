@@ -115,13 +115,50 @@ _PROTOTYPES = {
 ON_LOAD: List[Callable[[ctypes.CDLL], None]] = []
 
 
+class _Missing(OSError):
+    """libTarvik.so.1 could not be loaded (raised as tarvik.LibraryMissing)."""
+
+
+def _candidates() -> List[str]:
+    """Where the library may be, in order: TARVIK_LIBRARY, the library installed
+    beside this package (the same prefix), the loader's path."""
+    named = os.environ.get(LIBRARY_ENV)
+    if named:
+        return [named]
+    found = []
+    try:
+        from ._install import LIBRARY_DIR  # written when the package is installed
+
+        beside = os.path.join(os.path.dirname(__file__), LIBRARY_DIR, LIBRARY_NAME)
+        if os.path.exists(beside):
+            found.append(os.path.normpath(beside))
+    except ImportError:
+        pass
+    return found + [LIBRARY_NAME]
+
+
+def _load() -> ctypes.CDLL:
+    tried = []
+    for candidate in _candidates():
+        try:
+            return ctypes.CDLL(candidate)
+        except OSError as e:
+            tried.append(str(e))
+    raise _Missing(
+        f"{LIBRARY_NAME} could not be loaded ({'; '.join(tried)}): install the libtarvik1 "
+        f"package (or libTarvik with CMake), or set {LIBRARY_ENV} to the library's path")
+
+
 @functools.lru_cache(maxsize=None)
 def lib() -> ctypes.CDLL:
-    """The library: the file TARVIK_LIBRARY names, else libTarvik.so.1 from the loader's path.
+    """The library, loaded on first use, so that importing the package never fails.
+    LibraryMissing (a TarvikError) says what to install when it is not there."""
+    try:
+        handle = _load()
+    except _Missing as e:
+        from .errors import LibraryMissing  # errors needs this module first
 
-    Loaded on first use, so that importing the package never fails.
-    """
-    handle = ctypes.CDLL(os.environ.get(LIBRARY_ENV) or LIBRARY_NAME)
+        raise LibraryMissing(str(e)) from None
     for name, (restype, argtypes) in _PROTOTYPES.items():
         function = getattr(handle, name)
         function.restype = restype

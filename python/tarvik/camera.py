@@ -10,7 +10,7 @@ from typing import Callable, List, Optional, Sequence, Tuple, TypeVar, Union
 
 from ._library import CameraInfoRecord, CardRecord, EyeExposureRecord, ExposureRecord, lib
 from .card import Card, card_from_record
-from .errors import INVALID_ARGUMENT, NOT_OPEN, InvalidArgument, NotOpen, check
+from .errors import INVALID_ARGUMENT, NOT_OPEN, InvalidArgument, NotOpen, TarvikError, check
 
 T = TypeVar("T")
 Quad = Tuple[int, int, int, int]
@@ -69,7 +69,10 @@ class EyeExposure:
 
     def _record(self) -> EyeExposureRecord:
         flags = _fixed(self.flags, 8, "exposure flags", pad=False)
-        return EyeExposureRecord(self.time, self.max, self.min, self.extra, (c_uint8 * 8)(*flags))
+        time, high, low = (_int(v, f"exposure {w}", _UINT32) for v, w in
+                           ((self.time, "time"), (self.max, "max"), (self.min, "min")))
+        extra = _int(self.extra, "exposure extra", (0, 0xFFFF))
+        return EyeExposureRecord(time, high, low, extra, (c_uint8 * 8)(*flags))
 
 
 @dataclass(frozen=True)
@@ -92,10 +95,24 @@ def _fixed(data: Union[bytes, str], size: int, what: str, pad: bool = True) -> b
     return data.ljust(size, b"\0")
 
 
+_INT32 = (-(2**31), 2**31 - 1)
+_UINT32 = (0, 2**32 - 1)
+
+
+def _int(value: object, what: str, bounds: Tuple[int, int] = _INT32) -> int:
+    """``value`` when it is an int within ``bounds``: ctypes would cut it short silently."""
+    if isinstance(value, bool) or not isinstance(value, int):
+        raise TypeError(f"{what} is an int, not {type(value).__name__}")
+    low, high = bounds
+    if not low <= value <= high:
+        raise InvalidArgument(INVALID_ARGUMENT, detail=f"{what} is {value}, outside {low}..{high}")
+    return value
+
+
 def _quad(values: Sequence[int], what: str) -> "ctypes.Array[c_int32]":
     if len(values) != 4:
         raise InvalidArgument(INVALID_ARGUMENT, detail=f"{what} takes 4 numbers")
-    return (c_int32 * 4)(*values)
+    return (c_int32 * 4)(*(_int(v, what) for v in values))
 
 
 def _quad_of(values: "ctypes.Array[c_int32]") -> Quad:
@@ -127,6 +144,9 @@ class Camera:
     ) -> None:
         if (bus is None) != (address is None):
             raise InvalidArgument(INVALID_ARGUMENT, detail="give bus and address together")
+        if bus is not None:
+            _int(bus, "bus", (0, 255))
+            _int(address, "address", (0, 255))
         if transport not in _TRANSPORTS:
             raise InvalidArgument(INVALID_ARGUMENT, detail=f"unknown transport {transport!r}")
         self._options = lib().tarvik_default_options()
@@ -184,6 +204,16 @@ class Camera:
     def _read(self, function: str, out: T) -> T:
         self._run(function, out)
         return out
+
+    def __repr__(self) -> str:
+        if self.closed:
+            return "<tarvik.Camera closed>"
+        try:
+            info, path = self.describe()
+        except TarvikError as e:
+            return f"<tarvik.Camera ({e.name})>"
+        return (f"<tarvik.Camera bus={info.bus} address={info.address} serial={info.serial!r} "
+                f"path={path}>")
 
     def describe(self) -> Tuple[CameraInfo, str]:
         """Where the open camera is (serial and capture node as far as known)
@@ -278,24 +308,25 @@ class Camera:
     # --- write-only and parameterised operations ---
     def set_gpio(self, gpio0: int, gpio1: int) -> None:
         """Sets the two GPIO values."""
-        self._run("tarvik_write_gpio", gpio0, gpio1)
+        self._run("tarvik_write_gpio", _int(gpio0, "gpio0"), _int(gpio1, "gpio1"))
 
     def read_vcm(self, mode: int = 0) -> int:
         """The lens motor's value that ``mode`` chooses."""
         value = c_uint16()
-        self._run("tarvik_read_vcm", mode, byref(value))
+        self._run("tarvik_read_vcm", _int(mode, "mode"), byref(value))
         return value.value
 
     def write_vcm(self, value: int, mode: int = 0, ctrl0: int = 0, ctrl1: int = 0) -> None:
         """Sets the lens motor's value for ``mode``, with its two control bytes."""
-        if not (0 <= value <= 0xFFFF and 0 <= ctrl0 <= 0xFF and 0 <= ctrl1 <= 0xFF):
-            raise InvalidArgument(INVALID_ARGUMENT, detail="value takes 16 bits, ctrl0 and ctrl1 8")
-        self._run("tarvik_write_vcm", mode, value, ctrl0, ctrl1)
+        self._run("tarvik_write_vcm", _int(mode, "mode"), _int(value, "value", (0, 0xFFFF)),
+                  _int(ctrl0, "ctrl0", (0, 0xFF)), _int(ctrl1, "ctrl1", (0, 0xFF)))
 
     def read_item(self, item: int, request: Optional[bytes] = None, size: int = 64) -> bytes:
         """Reads extension item ``item`` into the library's record of it, which
         starts the ``size`` bytes returned. ``request`` is the item's input
         (item 18: the mode) and, for item 10, the data block record itself."""
+        _int(item, "item")
+        _int(size, "size", (0, 2**20))
         data = bytes(request or b"")
         if len(data) > size:
             raise InvalidArgument(INVALID_ARGUMENT, detail="request longer than size")
@@ -307,11 +338,12 @@ class Camera:
     def write_item(self, item: int, data: bytes) -> None:
         """Writes extension item ``item`` from the library's record of it."""
         record = ctypes.create_string_buffer(bytes(data), len(data))
-        self._run("tarvik_write_item", item, record, len(data))
+        self._run("tarvik_write_item", _int(item, "item"), record, len(data))
 
     def sam_command(self, command: int) -> Tuple[int, bytes]:
         """Sends SAM command ``command`` (0-4, 6, 7): (the SAM's code, the 16
         number bytes that command 2 fills). A failing SAM raises SamError."""
+        _int(command, "command", (0, 0xFF))
         sam, number = c_int(), (c_uint8 * 16)()
 
         def send(handle: int) -> None:

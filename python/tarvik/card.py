@@ -34,7 +34,8 @@ class Card:
 
     The C record is wiped as soon as these values are taken from it. Python's
     str and bytes objects cannot be wiped: they stay in memory until the
-    interpreter reuses it, so keep a Card no longer than needed.
+    interpreter reuses it, so keep a Card no longer than needed. ``repr``
+    shows none of the holder's data, so that logging a Card leaks nothing.
     """
 
     name: str
@@ -52,6 +53,10 @@ class Card:
     photo: bytes = field(repr=False)
     third_block: Optional[bytes] = field(repr=False)
     sam_result: int
+
+    def __repr__(self) -> str:
+        return (f"Card(<the holder's data hidden>, third_block={self.third_block is not None}, "
+                f"sam_result={self.sam_result})")
 
 
 def _text(raw: bytes) -> str:

@@ -26,6 +26,18 @@ class TarvikError(Exception):
         return f"{text}: {self.detail}" if self.detail else text
 
 
+class LibraryMissing(TarvikError, OSError):
+    """libTarvik.so.1 is not installed, or not where the package looks for it;
+    the message says what to install. ``code`` is NOT_OPEN: nothing can be."""
+
+    def __init__(self, detail: str) -> None:  # pylint: disable=super-init-not-called
+        self.code = NOT_OPEN
+        self.name = "LIBRARY_MISSING"
+        self.message = "the library could not be loaded"
+        self.detail = detail
+        Exception.__init__(self, self.code, detail)
+
+
 class InputOutputError(TarvikError):
     """Input/output error; on the USB path also a camera in use by another program."""
 
