@@ -76,6 +76,19 @@ std::string NotFound(const std::vector<tarvik_camera_info>& cameras, const Selec
     return chosen ? Where(*chosen) + " could not be opened" : "no camera " + ids + " found";
 }
 
+// The kernel path shares the camera only while the video driver holds it; a program
+// that holds it through libusb has detached the driver, and with it the capture node.
+std::string Busy(const tarvik_camera_info& c, const Selection& s) {
+    const std::string busy = Where(c) + " is in use by another program";
+    if (KernelPath(s)) return busy;
+    if (c.video_node[0] != '\0') {
+        return busy +
+               "; the kernel path (--transport kernel) lets several programs share the "
+               "camera";
+    }
+    return busy + " through libusb; it is free again when that program closes it";
+}
+
 std::string Explain(int result, const Selection& s) {
     const std::vector<tarvik_camera_info> cameras = ListCameras();
     const std::optional<tarvik_camera_info> chosen = Chosen(cameras, s);
@@ -87,10 +100,7 @@ std::string Explain(int result, const Selection& s) {
                                  : "permission denied on " + UsbNode(*chosen) +
                                        ": install the udev rule (or join plugdev), see README";
         case TARVIK_LIBUSB_ERROR_BUSY:
-            return Where(*chosen) + " is in use by another program" +
-                   (KernelPath(s) ? std::string()
-                                  : "; the kernel path (--transport kernel) lets several "
-                                    "programs share the camera");
+            return Busy(*chosen, s);
         case TARVIK_LIBUSB_ERROR_NO_DEVICE:
             return Where(*chosen) + " is gone (unplugged while it was being opened)";
         default:
