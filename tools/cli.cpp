@@ -162,13 +162,16 @@ void AddItem(CLI::App& app, Storage& s, Invocation& inv) {
 
 void AddGyro(CLI::App& app, Storage& s, Invocation& inv) {
     auto* gyro = app.add_subcommand("gyro", "Pitch and roll in whole degrees");
-    gyro->add_flag("--watch", s.gyro.watch,
-                   "Read again and again until interrupted or the output is closed");
+    auto* watch = gyro->add_flag("--watch", s.gyro.watch,
+                                 "Read again and again until interrupted or the output is closed");
+    // Without --watch there is one read: these would be dropped unseen.
     gyro->add_option("--interval", s.gyro.intervalMs,
                      "--watch: milliseconds between reads (default 500)")
-        ->type_name("MS");
+        ->type_name("MS")
+        ->needs(watch);
     gyro->add_option("--count", s.gyro.count, "--watch: stop after this many reads")
-        ->type_name("N");
+        ->type_name("N")
+        ->needs(watch);
     gyro->callback(
         [&s, &inv] { inv.run = [&s](Session& session) { return RunGyro(session, s.gyro); }; });
 }
@@ -204,6 +207,10 @@ void AddCommands(CLI::App& app, Storage& s, Invocation& inv) {
     AddCard(app, s, inv);
 }
 
+// An empty value reads as no value at all (the first camera, no log file): refuse it.
+const CLI::Validator kNotEmpty(
+    [](const std::string& value) { return value.empty() ? "must not be empty" : ""; }, "");
+
 void AddSelection(CLI::App& app, Selection& c) {
     auto* bus = app.add_option("--bus", c.bus, "The camera's bus (with --address)")
                     ->type_name("BUS")
@@ -214,10 +221,12 @@ void AddSelection(CLI::App& app, Selection& c) {
     bus->needs(address);
     address->needs(bus);
     auto* serial = app.add_option("-s,--serial", c.serial, "The camera with this USB serial number")
-                       ->type_name("SN");
+                       ->type_name("SN")
+                       ->check(kNotEmpty);
     auto* video =
         app.add_option("--video", c.video, "The camera of this capture node, on the kernel path")
-            ->type_name("NODE");
+            ->type_name("NODE")
+            ->check(kNotEmpty);
     serial->excludes(bus, address, video);
     video->excludes(bus, address);
     app.add_option("--transport", c.transport,
@@ -231,7 +240,9 @@ void AddSelection(CLI::App& app, Selection& c) {
 void AddOutput(CLI::App& app, GlobalOptions& g) {
     app.add_flag("--json", g.json, "Print each result (and error) as one JSON object");
     app.add_flag("-v,--verbose", g.verbose, "Show the library's log lines on standard error");
-    app.add_option("--log", g.logFile, "Append the library's log lines to FILE")->type_name("FILE");
+    app.add_option("--log", g.logFile, "Append the library's log lines to FILE")
+        ->type_name("FILE")
+        ->check(kNotEmpty);
     // Quiet is the default now; the flag stays for scripts written when it was not.
     app.add_flag("--quiet", g.quiet, "")->group("");
     app.add_flag("--simulate", g.simulate,

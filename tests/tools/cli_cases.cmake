@@ -462,6 +462,18 @@ elseif(CASE STREQUAL "busy")
     $T --transport kernel get roi\n }")
   expect_out("100 200 640 480\n")
 
+elseif(CASE STREQUAL "hostile")
+  # Hostile command lines, one shell line each: the status and the start of stderr.
+  macro(hostile status message line)
+    shell(${status} "${line}")
+    expect_match(ERR "^tarvikctl: ${message}\n")
+  endmacro()
+  hostile(2 "--video: must not be empty" "$T --video '' get roi")
+  hostile(2 "--serial: must not be empty" "$T -s '' get roi")
+  hostile(2 "--serial: must not be empty" "$T --serial '' get roi")
+  hostile(2 "--log: must not be empty" "$T --log '' get roi")
+  hostile(2 "--count requires --watch" "$T gyro --count 3")
+
 elseif(CASE STREQUAL "faults")
   set(SIM_ARGS --unplug-after-transfers 1)
   tool(1 --json info)
