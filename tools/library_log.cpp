@@ -9,7 +9,8 @@
 
 namespace tarvikctl {
 
-LibraryLog::LibraryLog(bool verbose, const std::string& file) : m_verbose(verbose) {
+LibraryLog::LibraryLog(bool verbose, const std::string& file)
+    : m_verbose(verbose), m_fileName(file) {
     if (!file.empty()) {
         m_file = std::fopen(file.c_str(), "ae");
         if (m_file == nullptr) {
@@ -29,15 +30,23 @@ LibraryLog::~LibraryLog() {
     if (m_file != nullptr) std::fclose(m_file);
 }
 
-// Each line comes without its line end; a log that can't be written is not worth
-// failing a command for.
+// Each line comes without its line end.
 void LibraryLog::Handle(int /*level*/, const char* line, void* user) {
-    const auto* self = static_cast<const LibraryLog*>(user);
+    auto* self = static_cast<LibraryLog*>(user);
     if (self->m_verbose) std::fprintf(stderr, "%s\n", line);
-    if (self->m_file != nullptr) {
-        std::fprintf(self->m_file, "%s\n", line);
-        std::fflush(self->m_file);
-    }
+    if (self->m_file != nullptr) self->WriteToFile(line);
+}
+
+// A log that can't be written is not worth failing a command for, but its loss is
+// told once, on standard error.
+void LibraryLog::WriteToFile(const char* line) {
+    if (m_fileFailed.load()) return;
+    errno = 0;
+    if (std::fprintf(m_file, "%s\n", line) >= 0 && std::fflush(m_file) == 0) return;
+    const int error = errno;
+    if (m_fileFailed.exchange(true)) return;
+    std::fprintf(stderr, "tarvikctl: --log %s: cannot write: %s; further log lines are dropped\n",
+                 m_fileName.c_str(), error != 0 ? std::strerror(error) : "write error");
 }
 
 }  // namespace tarvikctl

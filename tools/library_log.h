@@ -3,6 +3,7 @@
 // log handler, so that standard output carries the tool's results alone.
 #pragma once
 
+#include <atomic>
 #include <cstdio>
 #include <string>
 
@@ -19,9 +20,12 @@ public:
 
 private:
     static void Handle(int level, const char* line, void* user);
+    void WriteToFile(const char* line);
 
     bool m_verbose;
+    std::string m_fileName;
     std::FILE* m_file = nullptr;
+    std::atomic<bool> m_fileFailed{false};  // said once; later lines are dropped
 };
 
 }  // namespace tarvikctl

@@ -473,6 +473,10 @@ elseif(CASE STREQUAL "hostile")
   hostile(2 "--serial: must not be empty" "$T --serial '' get roi")
   hostile(2 "--log: must not be empty" "$T --log '' get roi")
   hostile(2 "--count requires --watch" "$T gyro --count 3")
+  # A log that can't be written: said once, and the command carries on.
+  tool(0 --log /dev/full get roi)
+  expect_err("tarvikctl: --log /dev/full: cannot write: No space left on device; further log lines are dropped\n")
+  expect_out("100 200 640 480\n")
 
 elseif(CASE STREQUAL "faults")
   set(SIM_ARGS --unplug-after-transfers 1)
