@@ -1,10 +1,15 @@
 #include "card_file.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cctype>
-#include <fstream>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <stdexcept>
 
 #include "sam_answer.h"
@@ -14,6 +19,7 @@ namespace tarvik::sim {
 namespace {
 
 constexpr size_t kBlockMax = kCardBlockLength;
+constexpr size_t kCardFileMax = 64 * 1024;  // a card with both blocks is about 5 KiB
 
 struct BlockField {
     const char* key;
@@ -54,6 +60,23 @@ std::vector<uint8_t> FromHex(const std::string& hex, const char* key) {
     return out;
 }
 
+// The card's text is UCS-2: one unit per character, so nothing past U+FFFF. The JSON
+// parser has already refused malformed UTF-8 and lone surrogates; an escaped pair
+// ("\ud83d\ude00") arrives as a four-byte sequence, as does any character past U+FFFF.
+void CheckBasicPlane(const std::string& text, const std::string& key) {
+    for (size_t i = 0; i < text.size(); ++i) {
+        const auto lead = static_cast<uint8_t>(text[i]);
+        if (lead < 0xF0) continue;  // one to three bytes: U+0000-U+FFFF
+        uint32_t cp = lead & 0x07u;
+        for (size_t k = i + 1; k < std::min(i + 4, text.size()); ++k) {
+            cp = (cp << 6) | (static_cast<uint8_t>(text[k]) & 0x3Fu);
+        }
+        char character[16];
+        std::snprintf(character, sizeof character, "U+%04X", static_cast<unsigned>(cp));
+        Refuse(key + ": " + character + " is outside U+0000-U+FFFF (the card's text is UCS-2)");
+    }
+}
+
 const nlohmann::json& Text(const nlohmann::json& value, const std::string& key) {
     if (!value.is_string()) Refuse(key + " must be a string");
     return value;
@@ -63,6 +86,7 @@ void Apply(IdentityCard& card, const std::string& key, const nlohmann::json& val
     for (const CardTextField& field : kCardTextFields) {
         if (key != field.key) continue;
         const std::string text = Text(value, key).get<std::string>();
+        CheckBasicPlane(text, key);
         const size_t units = Utf8ToUcs2(text).size();
         if (units > field.units) {
             Refuse(key + ": " + std::to_string(units) + " characters, at most " +
@@ -77,6 +101,41 @@ void Apply(IdentityCard& card, const std::string& key, const nlohmann::json& val
         return;
     }
     Refuse("unknown field \"" + key + "\"");
+}
+
+const char* KindOfFile(mode_t mode) {
+    if (S_ISDIR(mode)) return "a directory, not a regular file";
+    if (S_ISFIFO(mode)) return "a FIFO, not a regular file";
+    if (S_ISCHR(mode)) return "a character device, not a regular file";
+    if (S_ISBLK(mode)) return "a block device, not a regular file";
+    return "not a regular file";
+}
+
+// A card file is a small regular file. A FIFO or a device could keep the launcher
+// waiting or reading for ever (and opening a device may do something of its own), so
+// they are refused before they are opened; should the file change in between, the open
+// does not wait for a FIFO's writer, and the size is checked while reading.
+std::string ReadCardText(const std::string& path) {
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) Refuse(KindOfFile(st.st_mode));
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0) Refuse(std::string("cannot open: ") + std::strerror(errno));
+    std::string text;
+    const char* problem = nullptr;
+    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        problem = KindOfFile(st.st_mode);
+    } else {
+        char buffer[4096];
+        ssize_t n = 0;
+        while (text.size() <= kCardFileMax && (n = ::read(fd, buffer, sizeof buffer)) > 0) {
+            text.append(buffer, static_cast<size_t>(n));
+        }
+        if (n < 0) problem = std::strerror(errno);
+        if (text.size() > kCardFileMax) problem = "more than 64 KiB, the most a card file holds";
+    }
+    ::close(fd);
+    if (problem != nullptr) Refuse(problem);
+    return text;
 }
 
 }  // namespace
@@ -95,12 +154,8 @@ IdentityCard ParseCardJson(const std::string& text) {
 }
 
 IdentityCard LoadCardFile(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) throw std::runtime_error("card: cannot open " + path);
-    std::ostringstream text;
-    text << in.rdbuf();
     try {
-        return ParseCardJson(text.str());
+        return ParseCardJson(ReadCardText(path));
     } catch (const std::runtime_error& e) {
         throw std::runtime_error(path + ": " + e.what());
     }

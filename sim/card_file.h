@@ -7,7 +7,9 @@
 // values; photo_hex / fingerprint_hex give the raw blocks (up to 1024 bytes each). A text
 // longer than its field on the card (name 15 characters, sex 1, nation 2, birth 8, address
 // 35, id_number 18, authority 15, valid_from 8, valid_to 8, reserved 18) and an unknown key
-// are refused, naming the field; malformed JSON is refused naming its line and column.
+// are refused, naming the field; malformed JSON is refused naming its line and column. The
+// card's text is UCS-2: a character past U+FFFF is refused. A card file is a regular file of at
+// most 64 KiB; anything else is refused before it is read.
 #pragma once
 
 #include <string>

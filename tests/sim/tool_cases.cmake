@@ -67,6 +67,20 @@ expect(STATUS 2 ERR "card: authority: 16 characters, at most 15"
 expect(STATUS 2 ERR "photo_hex: expected up to 1024 bytes"
   COMMAND ${S} run --camera 1:2,card=${WORK}/photo.json -- true)
 
+# Hostile inputs, one row each. A FIFO (as a device: /dev/zero) would keep the card's reader
+# waiting for ever: it is refused before it is read, as is a card file too large.
+file(REMOVE ${WORK}/card.fifo)
+execute_process(COMMAND mkfifo ${WORK}/card.fifo)
+string(REPEAT " " 65536 blanks)
+file(WRITE ${WORK}/large.json "{}${blanks}")
+file(WRITE ${WORK}/astral.json "{\"name\": \"张😀\"}")
+expect(STATUS 2 ERR "card.fifo: card: a FIFO, not a regular file\n"
+  COMMAND timeout 30 ${S} run --card ${WORK}/card.fifo -- true)
+expect(STATUS 2 ERR "large.json: card: more than 64 KiB"
+  COMMAND ${S} run --card ${WORK}/large.json -- true)
+expect(STATUS 2 ERR "astral.json: card: name: U\\+1F600 is outside U\\+0000-U\\+FFFF"
+  COMMAND ${S} run --card ${WORK}/astral.json -- true)
+
 # Serials: iSerialNumber in sysfs and a string descriptor; one of its own per camera.
 expect(STATUS 0 OUT "^CI-0001\n$" COMMAND ${S} run --camera 1:2,card=${EXAMPLE_CARD},serial=CI-0001
   -- cat /sys/bus/usb/devices/1-2/serial)
