@@ -29,7 +29,7 @@ const char kLauncherUsage[] =
     "  --no-card               the SAM finds no card (it answers status 0x80)\n"
     "  --tilt PITCH,ROLL       tilt the motion sensor reports, whole degrees\n"
     "  --fault KIND[:ITEM]     selector 14 fails for the whole run: stall, timeout or garbage;\n"
-    "                          with ITEM only the read transactions of that extension item\n"
+    "                          with ITEM (1-18) only the read transactions of that item\n"
     "  --unplug-after SECONDS  the cameras are unplugged for good after SECONDS\n"
     "  --unplug-after-transfers N  each camera is unplugged for good after N requests\n"
     "  --deny-access           the cameras' nodes refuse to open (EACCES), as without the\n"
@@ -95,8 +95,9 @@ std::vector<Fault> Faults(const std::string& text) {
     Fault f;
     f.selector = kSelectorChannel;
     f.count = INT_MAX;
-    if (colon != std::string::npos)
-        f.item = Integer(text.substr(colon + 1), "--fault item", 1, 4095);
+    if (colon != std::string::npos) {
+        f.item = Integer(text.substr(colon + 1), "--fault item (1-18)", kItemEt, kItemVcm);
+    }
     if (kind == "stall") {
         f.kind = FaultKind::kStall;
     } else if (kind == "timeout") {
