@@ -4,7 +4,8 @@
 // holds the umockdev testbed and serves the device ioctls; CMD runs with umockdev's preload
 // (and the simulator's open() gate). Prints nothing on standard output while CMD runs; its own
 // errors go to standard error. The exit status is CMD's (128 + signal when CMD was killed by a
-// signal; 2 for a usage error, 127 when CMD cannot be started).
+// signal; 2 for a usage error, 127 when CMD cannot be started). Signals sent to the launcher
+// go on to CMD.
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -13,11 +14,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -32,26 +35,59 @@ using namespace tarvik::sim;
 
 constexpr uint8_t kSamNoCard = 0x80;  // the SAM's status word 3 for "no card in the field"
 
-// Like system(): while CMD runs, the terminal's interrupt and quit belong to it alone. The
-// launcher's own dispositions come back when this goes, whichever way Run ends.
-class TerminalSignalsToChild {
+// CMD, for the signal handler: 0 while there is none to send a signal to.
+std::atomic<pid_t> g_child{0};
+std::atomic<int> g_pending{0};  // a signal that came before CMD started
+
+void PassOn(int signal, siginfo_t* info, void* /*context*/) {
+    // The terminal's interrupt and quit reach CMD itself, which is in the launcher's process
+    // group: only what a process sent (kill, sigqueue) is passed on, so nothing comes twice.
+    if (info->si_code > 0) return;
+    const int savedErrno = errno;
+    g_pending.store(signal);
+    const pid_t child = g_child.load();
+    if (child > 0) {
+        if (const int pending = g_pending.exchange(0); pending != 0) ::kill(child, pending);
+    }
+    errno = savedErrno;
+}
+
+// While CMD runs the launcher lives as long as it does: SIGINT, SIGTERM, SIGHUP and SIGQUIT
+// sent to the launcher go on to CMD, and the launcher ends when CMD ends, with its status.
+// SIGTERM and SIGHUP stay ignored when they were (nohup), for the launcher and CMD alike.
+// The launcher's own dispositions come back when this goes, whichever way Run ends.
+class SignalsToChild {
 public:
-    TerminalSignalsToChild() {
-        struct sigaction ignore {};
-        ignore.sa_handler = SIG_IGN;
-        sigaction(SIGINT, &ignore, &m_int);
-        sigaction(SIGQUIT, &ignore, &m_quit);
+    SignalsToChild() {
+        struct sigaction passOn {};
+        passOn.sa_sigaction = PassOn;
+        passOn.sa_flags = SA_SIGINFO | SA_RESTART;
+        sigemptyset(&passOn.sa_mask);
+        for (size_t k = 0; k < std::size(kSignals); ++k) {
+            sigaction(kSignals[k], nullptr, &m_old[k]);
+            const bool nohup =
+                m_old[k].sa_handler == SIG_IGN && (kSignals[k] == SIGTERM || kSignals[k] == SIGHUP);
+            if (!nohup) sigaction(kSignals[k], &passOn, nullptr);
+        }
     }
-    ~TerminalSignalsToChild() {
-        sigaction(SIGINT, &m_int, nullptr);
-        sigaction(SIGQUIT, &m_quit, nullptr);
+    ~SignalsToChild() {
+        Ended();
+        for (size_t k = 0; k < std::size(kSignals); ++k) sigaction(kSignals[k], &m_old[k], nullptr);
     }
-    TerminalSignalsToChild(const TerminalSignalsToChild&) = delete;
-    TerminalSignalsToChild& operator=(const TerminalSignalsToChild&) = delete;
+    SignalsToChild(const SignalsToChild&) = delete;
+    SignalsToChild& operator=(const SignalsToChild&) = delete;
+
+    // A signal that came while the testbed was being set up goes to CMD as it starts.
+    static void Started(pid_t child) {
+        g_child.store(child);
+        if (const int pending = g_pending.exchange(0); pending != 0) ::kill(child, pending);
+    }
+    // Before CMD is reaped: after that its pid may be another process's.
+    static void Ended() { g_child.store(0); }
 
 private:
-    struct sigaction m_int {};
-    struct sigaction m_quit {};
+    static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+    struct sigaction m_old[std::size(kSignals)]{};
 };
 
 class Descriptor {
@@ -196,11 +232,17 @@ int Wait(pid_t child, Testbed& bed, const Descriptor& gone, std::optional<double
     const auto start = std::chrono::steady_clock::now();
     bool timerDone = !unplugAfter.has_value();
     for (;;) {
-        int status = 0;
-        const pid_t done = ::waitpid(child, &status, WNOHANG);
-        if (done == child) return ExitStatus(status);
+        siginfo_t ended{};
+        const int done =
+            ::waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOHANG | WNOWAIT);
+        if (done == 0 && ended.si_pid == child) {
+            SignalsToChild::Ended();
+            int status = 0;
+            ::waitpid(child, &status, 0);
+            return ExitStatus(status);
+        }
         if (done < 0 && errno != EINTR) {
-            std::fprintf(stderr, "tarvik-sim: waitpid: %s\n", std::strerror(errno));
+            std::fprintf(stderr, "tarvik-sim: waitid: %s\n", std::strerror(errno));
             return 127;
         }
         int timeout = exited.get() >= 0 ? -1 : 20;  // without pidfd (old kernel): look often
@@ -229,6 +271,7 @@ int Run(const LaunchOptions& o) {
     if (o.denyAccess && gate.empty()) {
         throw std::runtime_error("--deny-access: the open() gate library is not installed");
     }
+    const SignalsToChild signals;  // first: it goes after the testbed is taken down
     Testbed bed;
     const Descriptor gone(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     bed.SetGoneListener([fd = gone.get()](Camera&) {
@@ -237,9 +280,9 @@ int Run(const LaunchOptions& o) {
     });
     AddDevices(bed, o);
     std::vector<std::string> command = o.command;
-    const TerminalSignalsToChild terminal;
     const pid_t child = Spawn(command, ChildEnvironment(bed.RootDir(), gate));
     if (child < 0) return 127;
+    SignalsToChild::Started(child);
     return Wait(child, bed, gone, o.unplugAfterSeconds);
 }
 

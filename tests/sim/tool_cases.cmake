@@ -81,6 +81,10 @@ expect(STATUS 2 ERR "large.json: card: more than 64 KiB"
 expect(STATUS 2 ERR "astral.json: card: name: U\\+1F600 is outside U\\+0000-U\\+FFFF"
   COMMAND ${S} run --card ${WORK}/astral.json -- true)
 expect(STATUS 2 ERR "bad --fault item \\(1-18\\): 99" COMMAND ${S} run --fault stall:99 -- true)
+# SIGINT and SIGTERM sent to the launcher go to CMD; the launcher ends as CMD does.
+expect(STATUS 130 COMMAND timeout 30 ${S} run -- sh -c "kill -INT $PPID && exec sleep 20")
+expect(STATUS 7 COMMAND timeout 30 ${S} run -- sh -c
+  "trap 'exit 7' TERM && kill -TERM $PPID && sleep 1 && exit 1")
 
 # Serials: iSerialNumber in sysfs and a string descriptor; one of its own per camera.
 expect(STATUS 0 OUT "^CI-0001\n$" COMMAND ${S} run --camera 1:2,card=${EXAMPLE_CARD},serial=CI-0001
