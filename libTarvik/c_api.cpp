@@ -10,6 +10,7 @@
 #include <string>
 
 #include "TarvikImpl.h"
+#include "c_camera.h"
 #include "call_status.h"
 #include "camera_finder.h"
 #include "camera_opener.h"
@@ -24,25 +25,38 @@
 #include "tarvik_private.h"
 #include "tarvik_version.h"
 
-struct tarvik_camera {
-    TarvikImpl* impl;
-};
-
 namespace {
 
 // One call on a camera: the arguments checked, the member run, its result mapped.
+// A camera that has left the bus answers at once, with no transfer; a call
+// that finds it gone takes it away.
 template <typename Call>
 int on_camera(tarvik_camera* camera, bool argumentsGiven, Call call) {
     if (camera == nullptr || !argumentsGiven) return TARVIK_E_INVALID_ARGUMENT;
     try {
-        // What the transfer layer notes during this call, and nothing before it,
-        // tells a short transfer from the library's own positive results.
-        tarvik::clear_transfer_failure();
-        const HRESULT r = call(*camera->impl);
-        return tarvik::results::from_member(r, tarvik::last_transfer_failure());
+        int result;
+        {
+            std::shared_lock<std::shared_mutex> lock(camera->swap);
+            if (camera->gone) return TARVIK_LIBUSB_ERROR_NO_DEVICE;
+            // What the transfer layer notes during this call, and nothing before it,
+            // tells a short transfer from the library's own positive results.
+            tarvik::clear_transfer_failure();
+            const HRESULT r = call(*camera->impl);
+            result = tarvik::results::from_member(r, tarvik::last_transfer_failure());
+        }
+        if (result == TARVIK_LIBUSB_ERROR_NO_DEVICE) tarvik::capi::mark_gone(*camera);
+        return result;
     } catch (const std::bad_alloc&) {
         return TARVIK_E_NO_MEMORY;
     }
+}
+
+// A write's result, the record remembered when it succeeded (to be written
+// again after the camera comes back).
+template <typename Record>
+HRESULT kept(tarvik_camera* camera, int item, const Record& record, HRESULT r) {
+    if (r == 0) tarvik::capi::remember(*camera, item, &record, sizeof record);
+    return r;
 }
 
 // A wide string of the card (one BMP character per element) as UTF-8, cut to
@@ -135,7 +149,7 @@ int tarvik_list(tarvik_camera_info* cameras, size_t capacity) {
 }
 
 tarvik_open_options tarvik_default_options(void) {
-    return tarvik_open_options{-1, -1, nullptr, nullptr, TARVIK_TRANSPORT_AUTO};
+    return tarvik_open_options{-1, -1, nullptr, nullptr, TARVIK_TRANSPORT_AUTO, 0u};
 }
 
 int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
@@ -158,11 +172,19 @@ int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
         target.videoNode = o.video_node != nullptr ? o.video_node : "";
         if (o.serial != nullptr) target.serial = o.serial;
         target.choice = kChoices[transport];
-        auto impl = std::make_unique<TarvikImpl>();
-        const int r = tarvik::open_camera(*impl, target, tarvik::InUse::kRefuse);
+        auto c = std::make_unique<tarvik_camera>();
+        c->impl = std::make_unique<TarvikImpl>();
+        const int r = tarvik::open_camera(*c->impl, target, tarvik::InUse::kRefuse);
         tarvik::say_opened(r);
         if (r != 0) return r;
-        *camera = new tarvik_camera{impl.release()};
+        if (!c->watch.Start()) return TARVIK_LIBUSB_ERROR_OTHER;
+        // Found again after an unplug by its serial (or its port), on the same path.
+        const tarvik::TarvikPrivate& p = c->impl->Private();
+        c->target = tarvik::CameraTarget{};
+        if (!p.serial.empty()) c->target.serial = p.serial;
+        c->target.choice = p.videoNode.empty() ? tarvik::Choice::kUsb : tarvik::Choice::kKernel;
+        c->reapply = (o.flags & TARVIK_OPEN_REAPPLY) != 0;
+        *camera = c.release();
         return 0;
     } catch (const std::bad_alloc&) {
         return TARVIK_E_NO_MEMORY;
@@ -171,7 +193,6 @@ int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
 
 void tarvik_close(tarvik_camera* camera) {
     if (camera == nullptr) return;
-    zq_ReleaseTarvik(camera->impl);
     delete camera;
 }
 
@@ -222,7 +243,7 @@ int tarvik_write_mjpeg_qp(tarvik_camera* camera, const int32_t qp[4]) {
     return on_camera(camera, qp != nullptr, [&](TarvikImpl& t) {
         _MJPEG_QP_PARAM p{};
         std::memcpy(p.qp, qp, sizeof p.qp);
-        return t.zq_WriteMJpegQp(p);
+        return kept(camera, EXT_ITEM_MJPEG_QP, p, t.zq_WriteMJpegQp(p));
     });
 }
 
@@ -239,7 +260,7 @@ int tarvik_write_roi(tarvik_camera* camera, const int32_t roi[4]) {
     return on_camera(camera, roi != nullptr, [&](TarvikImpl& t) {
         _ROI_PARAM p{};
         std::memcpy(p.roi, roi, sizeof p.roi);
-        return t.zq_WriteROI(p);
+        return kept(camera, EXT_ITEM_ROI, p, t.zq_WriteROI(p));
     });
 }
 
@@ -284,7 +305,8 @@ int tarvik_write_device_sn(tarvik_camera* camera, const uint8_t sn[20]) {
 
 int tarvik_write_gpio(tarvik_camera* camera, int32_t gpio0, int32_t gpio1) {
     return on_camera(camera, true, [&](TarvikImpl& t) {
-        return t.zq_WriteGpio(_GPIO_PARAM{{gpio0, gpio1}});
+        const _GPIO_PARAM p{{gpio0, gpio1}};
+        return kept(camera, EXT_ITEM_GPIO, p, t.zq_WriteGpio(p));
     });
 }
 
@@ -297,7 +319,8 @@ int tarvik_read_vcm(tarvik_camera* camera, int mode, uint16_t* value) {
 int tarvik_write_vcm(tarvik_camera* camera, int mode, uint16_t value, uint8_t ctrl0,
                      uint8_t ctrl1) {
     return on_camera(camera, true, [&](TarvikImpl& t) {
-        return t.zq_WriteVCM(_VCM_PARAM{ctrl0, ctrl1, value, static_cast<_VCM_MODE_E>(mode)});
+        const _VCM_PARAM p{ctrl0, ctrl1, value, static_cast<_VCM_MODE_E>(mode)};
+        return kept(camera, EXT_ITEM_VCM, p, t.zq_WriteVCM(p));
     });
 }
 
@@ -343,7 +366,8 @@ int tarvik_write_exposure(tarvik_camera* camera, const tarvik_exposure* exposure
     return on_camera(camera, exposure != nullptr, [&](TarvikImpl& t) {
         _DUAL_ET_PARAM p{};
         std::memcpy(&p, exposure, sizeof p);
-        return tarvik::RunWrite(t, {tarvik::kWriteArrow, "WriteET"}, EXT_ITEM_ET, &p);
+        return kept(camera, EXT_ITEM_ET, p,
+                    tarvik::RunWrite(t, {tarvik::kWriteArrow, "WriteET"}, EXT_ITEM_ET, &p));
     });
 }
 
@@ -365,7 +389,8 @@ int tarvik_write_exposure_times(tarvik_camera* camera, uint32_t left, uint32_t r
         if (r == 0) r = tarvik::check_manual_ae(current, wanted);
         if (r != 0) return r;
         _DUAL_ET_PARAM block = tarvik::manual_ae_record(current, wanted);
-        return tarvik::RunWrite(t, {tarvik::kWriteArrow, "WriteET"}, EXT_ITEM_ET, &block);
+        return kept(camera, EXT_ITEM_ET, block,
+                    tarvik::RunWrite(t, {tarvik::kWriteArrow, "WriteET"}, EXT_ITEM_ET, &block));
     });
 }
 
@@ -373,7 +398,8 @@ int tarvik_write_exposure_mode(tarvik_camera* camera, int32_t left, int32_t righ
     return on_camera(camera, true, [&](TarvikImpl& t) {
         if (left != right) return tarvik::kErrModeMismatch;
         _DUAL_ET_PARAM block = tarvik::et_mode_record(_DUAL_ET_MODE{left, right});
-        return tarvik::RunWrite(t, {tarvik::kWriteArrow, "WriteET"}, EXT_ITEM_ET, &block);
+        return kept(camera, EXT_ITEM_ET, block,
+                    tarvik::RunWrite(t, {tarvik::kWriteArrow, "WriteET"}, EXT_ITEM_ET, &block));
     });
 }
 
@@ -393,7 +419,10 @@ int tarvik_write_item(tarvik_camera* camera, int item, const void* record, size_
     if (camera == nullptr || record == nullptr) return TARVIK_E_INVALID_ARGUMENT;
     if (const int refused = check_item_call(item, size, true); refused != 0) return refused;
     return on_camera(camera, true, [&](TarvikImpl& t) {
-        return t.WriteByExtItem(static_cast<UVC_EXT_ITEM_E>(item), const_cast<void*>(record));
+        const HRESULT r =
+            t.WriteByExtItem(static_cast<UVC_EXT_ITEM_E>(item), const_cast<void*>(record));
+        if (r == 0) tarvik::capi::remember(*camera, item, record, size);
+        return r;
     });
 }
 

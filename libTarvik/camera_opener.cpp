@@ -37,6 +37,7 @@ void note_identity_and_lock(TarvikPrivate& p) {
     if (camera) {
         p.serial = camera->serial;
         p.sysfsPath = camera->path;
+        p.port = camera->name;
     }
     std::string why = "the camera is not in sysfs";
     if (camera && p.cameraLock.Open(camera->name, why)) return;

@@ -59,6 +59,8 @@ constexpr Result kResults[] = {
     {TARVIK_E_UNKNOWN_PRODUCT, "TARVIK_E_UNKNOWN_PRODUCT", "the product type is unknown", {-1}},
     {TARVIK_E_SAM, "TARVIK_E_SAM", "the SAM answered with a failure (see its code)", {}},
     {TARVIK_E_NO_MEMORY, "TARVIK_E_NO_MEMORY", "out of memory", {}},
+    {TARVIK_E_NO_EVENT, "TARVIK_E_NO_EVENT", "no event (within the time given)", {}},
+    {TARVIK_E_CANCELLED, "TARVIK_E_CANCELLED", "the wait was cancelled", {}},
     {TARVIK_E_UNKNOWN, "TARVIK_E_UNKNOWN",
      "the library reported a condition this interface does not know", {}},
 };

@@ -26,6 +26,7 @@ public:
     int address = 0;
     std::string serial;
     std::string sysfsPath;
+    std::string port;  // its sysfs name ("1-2"), the same after a replug into it
     // Why the last open failed, or found the camera held by another program: a
     // libusb code (ACCESS, BUSY, NO_DEVICE, ...); 0 when nothing was noted.
     int openFailure = 0;

@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config git
-  libusb-1.0-0-dev
+  libusb-1.0-0-dev libudev-dev
   umockdev libumockdev-dev
   googletest libbenchmark-dev
   libcli11-dev nlohmann-json3-dev

@@ -60,6 +60,8 @@ extern "C" {
 #define TARVIK_E_SAM (-1012)              /* the SAM refused or failed; its code is in the record */
 #define TARVIK_E_NO_MEMORY (-1013)        /* out of memory */
 #define TARVIK_E_UNKNOWN (-1014)          /* a condition this interface does not know */
+#define TARVIK_E_NO_EVENT (-1015)         /* no event (within the time given) */
+#define TARVIK_E_CANCELLED (-1016)        /* the wait was cancelled (tarvik_cancel) */
 
 typedef struct tarvik_camera tarvik_camera;
 
@@ -86,14 +88,27 @@ typedef struct {
     const char* video_node;     /* or: the camera of this capture node (kernel path) */
     const char* serial;         /* or: the camera with this USB serial number */
     tarvik_transport transport; /* for bus/address and serial */
+    unsigned flags;             /* TARVIK_OPEN_* */
 } tarvik_open_options;
+
+/* After the camera comes back from an unplug, write again the last value this
+ * object wrote of each setting a power cycle resets (ROI, MJPEG quantisation,
+ * lens motor, GPIO, exposure; never the device id or serial), in the order
+ * first written. */
+#define TARVIK_OPEN_REAPPLY 1u
 
 /* Options for the first camera, on the path that fits (auto). */
 TARVIK_API tarvik_open_options tarvik_default_options(void);
 
-/* Opens a camera (options null: the default options) into *camera. */
+/* Opens a camera (options null: the default options) into *camera.
+ * LIBUSB_ERROR_BUSY when another program holds it (USB path). The camera is
+ * known by its USB serial from then on (by its USB port when it shows none):
+ * when it leaves the bus every call answers TARVIK_LIBUSB_ERROR_NO_DEVICE at
+ * once, and when it comes back (dispatch sees it arrive) the object opens it
+ * again on the same path; see "waiting" below. */
 TARVIK_API int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera);
-/* Closes it; null is ignored. */
+/* Closes it and frees the object; null is ignored. No other thread may be
+ * using it. */
 TARVIK_API void tarvik_close(tarvik_camera* camera);
 
 /* Where an open camera is (serial and node as far as known) and the path its
@@ -239,6 +254,47 @@ TARVIK_API int tarvik_read_card(tarvik_camera* camera, tarvik_card* card, unsign
 
 /* Wipes the record so that no trace of the card stays in memory. */
 TARVIK_API void tarvik_card_clear(tarvik_card* card);
+
+/* --- waiting: cards and a camera that comes back ---
+ * No thread of the library's own: the application waits on the camera's
+ * descriptor (poll, epoll, an event loop) and calls tarvik_dispatch when it
+ * is readable, then takes the events with tarvik_next_event; or it calls
+ * tarvik_wait_event, which does all three. Dispatch asks the SAM whether a
+ * card lies on the camera (command 0, one exchange, every poll interval) and
+ * follows the camera leaving and coming back (udev's events); it never blocks
+ * longer than one exchange. Each event has a sequence number of its own
+ * camera, from 1: a gap means events were lost, and an overflow event says so
+ * (the queue holds 64). A card is removed when two polls in a row find none. */
+#define TARVIK_EVENT_CARD_PLACED 1
+#define TARVIK_EVENT_CARD_REMOVED 2
+#define TARVIK_EVENT_CAMERA_GONE 3
+#define TARVIK_EVENT_CAMERA_BACK 4 /* result: writing the settings again (TARVIK_OPEN_REAPPLY) */
+#define TARVIK_EVENT_OVERFLOW 5    /* events after the one before it were lost */
+
+typedef struct {
+    int type;          /* TARVIK_EVENT_* */
+    int result;        /* camera back: 0, or the first failure writing the settings again */
+    uint64_t sequence; /* per camera, from 1 */
+    uint64_t time_ns;  /* CLOCK_MONOTONIC */
+} tarvik_event;
+
+/* The descriptor to wait on (readable when dispatch has work); it belongs to
+ * the camera. Asking for it starts the card polls. */
+TARVIK_API int tarvik_get_fd(tarvik_camera* camera);
+/* The time between card polls: at least 50 ms, 250 ms by default. */
+TARVIK_API int tarvik_set_poll_interval(tarvik_camera* camera, unsigned interval_ms);
+/* Does what is due, without waiting; starts the card polls. */
+TARVIK_API int tarvik_dispatch(tarvik_camera* camera);
+/* The oldest event, or TARVIK_E_NO_EVENT. */
+TARVIK_API int tarvik_next_event(tarvik_camera* camera, tarvik_event* event);
+/* Waits up to `timeout_ms` (-1: no limit) for an event: 0, TARVIK_E_NO_EVENT,
+ * or TARVIK_E_CANCELLED when tarvik_cancel was called. */
+TARVIK_API int tarvik_wait_event(tarvik_camera* camera, tarvik_event* event, int timeout_ms);
+/* Wakes a waiter, which returns TARVIK_E_CANCELLED (the next one, if none
+ * waits now). Any thread may call it, a signal handler too. */
+TARVIK_API int tarvik_cancel(tarvik_camera* camera);
+/* "card-placed", "card-removed", "camera-gone", "camera-back", "overflow". */
+TARVIK_API const char* tarvik_event_name(int type);
 
 /* --- results, version, log --- */
 TARVIK_API const char* tarvik_strerror(int result);

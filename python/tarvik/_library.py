@@ -28,6 +28,7 @@ class OpenOptionsRecord(ctypes.Structure):
         ("video_node", c_char_p),
         ("serial", c_char_p),
         ("transport", c_int),
+        ("flags", c_uint),
     ]
 
 

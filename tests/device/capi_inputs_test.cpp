@@ -148,14 +148,14 @@ TEST(CInterfaceResults, NamesAndTexts) {
     }
     EXPECT_STREQ(tarvik_result_name(LIBUSB_ERROR_OTHER), libusb_error_name(LIBUSB_ERROR_OTHER));
     std::set<std::string> names, texts;
-    for (int code = TARVIK_E_UNKNOWN; code <= 0; ++code) {
+    for (int code = -1100; code <= 0; ++code) {
         const std::string name = tarvik_result_name(code);
         if (name == "UNKNOWN") continue;
         EXPECT_TRUE(names.insert(name).second) << name;
         EXPECT_TRUE(texts.insert(tarvik_strerror(code)).second) << name;
     }
-    EXPECT_EQ(names.size(), 28u);  // success, 13 of libusb's, 14 of the library's
-    EXPECT_STREQ(tarvik_result_name(TARVIK_E_UNKNOWN - 1), "UNKNOWN");
+    EXPECT_EQ(names.size(), 30u);  // success, 13 of libusb's, 16 of the library's
+    EXPECT_STREQ(tarvik_result_name(-1017), "UNKNOWN");
     EXPECT_STREQ(tarvik_sam_strerror(TARVIK_SAM_NO_CARD), "no card on the reader (status 0x80)");
     EXPECT_STREQ(tarvik_sam_strerror(20), "unknown SAM code");
 }

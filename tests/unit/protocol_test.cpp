@@ -4,7 +4,10 @@
 
 #include <cerrno>
 
+#include "event_queue.h"
+#include "presence.h"
 #include "sensor_math.h"
+#include "tarvik.h"
 #include "transport.h"
 #include "test_support.h"
 
@@ -143,6 +146,43 @@ TEST(SamCommands, OnlyTheCommandsMapToTheWire) {
         EXPECT_EQ(t.SamCmdTransfer(static_cast<_SAM_CMD_E>(cmd), wire), valid ? 0 : 1) << cmd;
         EXPECT_EQ(static_cast<int>(wire), valid ? cmd : 6);
     }
+}
+
+// Polls of command 0 (1: a card answered) and what each says: one missed
+// answer is no removal, two in a row are; the first card found is placed.
+TEST(Presence, PlacedOnceRemovedAfterTwoMisses) {
+    struct Row {
+        const char* polls;
+        const char* changes;  // P placed, R removed, - nothing
+    };
+    const Row rows[] = {{"0011", "--P-"}, {"1010", "P---"}, {"100100", "P-RP-R"}, {"11001", "P--RP"}};
+    for (const Row& r : rows) {
+        presence::Tracker t;
+        std::string got;
+        for (const char* p = r.polls; *p != 0; ++p) {
+            const presence::Change c = t.Poll(*p == '1');
+            got += c == presence::Change::kPlaced ? 'P' : c == presence::Change::kRemoved ? 'R' : '-';
+        }
+        EXPECT_EQ(got, r.changes) << r.polls;
+    }
+    EXPECT_TRUE(presence::card_answered(1) && !presence::card_answered(17) && !presence::card_answered(-1));
+}
+
+// A full queue keeps its last place for the overflow event; numbers go on, so
+// the lost events leave a gap.
+TEST(EventQueue, OverflowEventAndAGap) {
+    EventQueue q(4);
+    for (int i = 0; i < 10; ++i) q.Push(TARVIK_EVENT_CARD_PLACED, 100u + i);
+    std::vector<std::pair<int, std::uint64_t>> got;
+    Event e{};
+    while (q.Pop(e)) got.emplace_back(e.type, e.sequence);
+    q.Push(TARVIK_EVENT_CARD_REMOVED, 200u);
+    ASSERT_TRUE(q.Pop(e));
+    got.emplace_back(e.type, e.sequence);
+    const std::vector<std::pair<int, std::uint64_t>> want = {{TARVIK_EVENT_CARD_PLACED, 1}, {TARVIK_EVENT_CARD_PLACED, 2},
+        {TARVIK_EVENT_CARD_PLACED, 3}, {TARVIK_EVENT_OVERFLOW, 4}, {TARVIK_EVENT_CARD_REMOVED, 11}};
+    EXPECT_EQ(got, want);
+    EXPECT_FALSE(q.Pop(e));
 }
 
 }  // namespace
