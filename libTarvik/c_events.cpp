@@ -151,6 +151,7 @@ int next_event(tarvik_camera& c, tarvik_event* event) {
 
 int wait_event(tarvik_camera& c, tarvik_event* event, int timeoutMs) {
     const std::uint64_t deadline = now_ns() + static_cast<std::uint64_t>(timeoutMs) * 1000000u;
+    dispatch(c);  // starts the polls on a first wait
     for (;;) {
         if (next_event(c, event) == 0) return 0;
         if (c.cancelled.exchange(false)) return TARVIK_E_CANCELLED;

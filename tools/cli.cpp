@@ -32,6 +32,7 @@ struct Storage {
     std::vector<std::string> exposureValues;
     ItemOptions itemRead, itemWrite;
     GyroOptions gyro;
+    WatchOptions watch;
     CardOptions card;
     std::string samCommand;
 };
@@ -191,6 +192,16 @@ void AddCard(CLI::App& app, Storage& s, Invocation& inv) {
     sam->add_option("CMD", s.samCommand, "The command")->required();
     sam->callback(
         [&s, &inv] { inv.run = [&s](Session& session) { return RunSam(session, s.samCommand); }; });
+
+    auto* watch = app.add_subcommand(
+        "watch", "Print the camera's events (card placed or removed, camera gone or back) until "
+                 "interrupted; an unplugged camera is waited for");
+    watch->add_flag("--card", s.watch.card, "Read each card placed, once, and print it");
+    watch->add_option("--interval", s.watch.intervalMs,
+                      "Milliseconds between card polls (default 250, at least 50)")
+        ->type_name("MS");
+    watch->callback(
+        [&s, &inv] { inv.run = [&s](Session& session) { return RunWatch(session, s.watch); }; });
 }
 
 void AddCommands(CLI::App& app, Storage& s, Invocation& inv) {

@@ -3,6 +3,7 @@
 // (or ValueError for what the user typed).
 #pragma once
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -38,5 +39,31 @@ struct CardOptions {
 };
 int RunIdcard(Session& session, const CardOptions& options);
 int RunSam(Session& session, const std::string& command);
+
+// The card's record is wiped however the command ends: no trace stays in memory.
+struct CardWipe {
+    void operator()(tarvik_card* card) const {
+        tarvik_card_clear(card);
+        delete card;
+    }
+};
+using CardRecord = std::unique_ptr<tarvik_card, CardWipe>;
+
+// Reads the card on the reader. Throws ToolError (exit 1) when it fails.
+CardRecord ReadCard(Session& session, bool third);
+
+// The card as idcard prints it: its JSON fields, and its text.
+struct CardReply {
+    Json json;
+    std::string text;
+};
+CardReply DescribeCard(const tarvik_card& card, bool third);
+
+struct WatchOptions {
+    bool card = false;  // read each card placed, once
+    std::string intervalMs = "250";
+};
+// One line per event until SIGINT or SIGTERM, through unplugs.
+int RunWatch(Session& session, const WatchOptions& options);
 
 }  // namespace tarvikctl

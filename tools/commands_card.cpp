@@ -45,15 +45,6 @@ std::string Line(const std::string& label, const std::string& value) {
     return line + "\n";
 }
 
-// The card's record is wiped however the command ends: no trace stays in memory.
-struct CardWipe {
-    void operator()(tarvik_card* card) const {
-        tarvik_card_clear(card);
-        delete card;
-    }
-};
-using CardRecord = std::unique_ptr<tarvik_card, CardWipe>;
-
 // A file the tool may write: checked before the card is read, so a typo costs no read.
 void CheckWritable(const std::string& path, const char* option) {
     if (path.empty()) return;
@@ -85,6 +76,20 @@ void WritePrivate(const std::string& path, const uint8_t* bytes, size_t count) {
     }
 }
 
+}  // namespace
+
+CardReply DescribeCard(const tarvik_card& card, bool third) {
+    CardReply r{Json{{"sam_result", card.sam_result}}, ""};
+    for (const CardField& f : kCardFields) {
+        r.json[f.key] = f.get(card);
+        r.text += Line(f.label, f.get(card));
+    }
+    r.text += Line("sam result", DescribeSamCode(card.sam_result));
+    r.json["photo"] = Base64(card.photo, sizeof card.photo);
+    if (third) r.json["third_block"] = Base64(card.third_block, sizeof card.third_block);
+    return r;
+}
+
 CardRecord ReadCard(Session& session, bool third) {
     CardRecord card(new tarvik_card{});
     const int result =
@@ -100,21 +105,6 @@ CardRecord ReadCard(Session& session, bool third) {
     return card;
 }
 
-void ReplyCard(Session& session, const tarvik_card& card, bool third) {
-    Json json{{"sam_result", card.sam_result}};
-    std::string text;
-    for (const CardField& f : kCardFields) {
-        json[f.key] = f.get(card);
-        text += Line(f.label, f.get(card));
-    }
-    text += Line("sam result", DescribeSamCode(card.sam_result));
-    json["photo"] = Base64(card.photo, sizeof card.photo);
-    if (third) json["third_block"] = Base64(card.third_block, sizeof card.third_block);
-    session.Out().Ok(json, text);
-}
-
-}  // namespace
-
 int RunIdcard(Session& session, const CardOptions& o) {
     CheckWritable(o.photo, "--photo");
     CheckWritable(o.thirdBlock, "--third-block");
@@ -122,7 +112,8 @@ int RunIdcard(Session& session, const CardOptions& o) {
     const CardRecord card = ReadCard(session, third);
     if (!o.photo.empty()) WritePrivate(o.photo, card->photo, sizeof card->photo);
     if (third) WritePrivate(o.thirdBlock, card->third_block, sizeof card->third_block);
-    ReplyCard(session, *card, third);
+    const CardReply reply = DescribeCard(*card, third);
+    session.Out().Ok(reply.json, reply.text);
     return kExitOk;
 }
 
