@@ -17,7 +17,7 @@ log lines go to the logging logger "tarvik".
 from __future__ import annotations
 
 from ._library import lib as _lib
-from .camera import Camera, CameraInfo, Exposure, EyeExposure, list_cameras
+from .camera import Camera, CameraInfo, Event, Exposure, EyeExposure, list_cameras
 from .card import Card
 from .errors import (
     AccessDenied,
@@ -59,6 +59,7 @@ __all__ = [
     "CameraInfo",
     "Card",
     "DeviceGone",
+    "Event",
     "Exposure",
     "EyeExposure",
     "InputOutputError",

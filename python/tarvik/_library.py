@@ -32,6 +32,15 @@ class OpenOptionsRecord(ctypes.Structure):
     ]
 
 
+class EventRecord(ctypes.Structure):
+    _fields_ = [
+        ("type", c_int),
+        ("result", c_int),
+        ("sequence", ctypes.c_uint64),
+        ("time_ns", ctypes.c_uint64),
+    ]
+
+
 class EyeExposureRecord(ctypes.Structure):
     _fields_ = [
         ("time", c_uint32),
@@ -109,6 +118,13 @@ _PROTOTYPES = {
     "tarvik_version": (c_char_p, []),
     "tarvik_set_log_handler": (None, [LOG_HANDLER, c_void_p]),
     "tarvik_set_log_level": (None, [c_int]),
+    "tarvik_get_fd": (c_int, [_CAMERA]),
+    "tarvik_set_poll_interval": (c_int, [_CAMERA, c_uint]),
+    "tarvik_dispatch": (c_int, [_CAMERA]),
+    "tarvik_next_event": (c_int, [_CAMERA, POINTER(EventRecord)]),
+    "tarvik_wait_event": (c_int, [_CAMERA, POINTER(EventRecord), c_int]),
+    "tarvik_cancel": (c_int, [_CAMERA]),
+    "tarvik_event_name": (c_char_p, [c_int]),
 }
 
 

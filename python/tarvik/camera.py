@@ -6,9 +6,16 @@ import threading
 import weakref
 from ctypes import byref, c_int, c_int32, c_uint8, c_uint16, c_uint32, c_void_p
 from dataclasses import dataclass
-from typing import Callable, List, Optional, Sequence, Tuple, TypeVar, Union
+from typing import Callable, Iterator, List, Optional, Sequence, Tuple, TypeVar, Union
 
-from ._library import CameraInfoRecord, CardRecord, EyeExposureRecord, ExposureRecord, lib
+from ._library import (
+    CameraInfoRecord,
+    CardRecord,
+    EventRecord,
+    EyeExposureRecord,
+    ExposureRecord,
+    lib,
+)
 from .card import Card, card_from_record
 from .errors import INVALID_ARGUMENT, NOT_OPEN, InvalidArgument, NotOpen, TarvikError, check
 
@@ -19,6 +26,26 @@ _TRANSPORTS = {"auto": 0, "usb": 1, "kernel": 2}
 _TRANSPORT_NAMES = {number: name for name, number in _TRANSPORTS.items()}
 _ID_SIZE = 20
 _CARD_THIRD_BLOCK = 1
+_OPEN_REAPPLY = 1
+_NO_EVENT, _CANCELLED = -1015, -1016  # tarvik.h's TARVIK_E_NO_EVENT, TARVIK_E_CANCELLED
+
+
+@dataclass(frozen=True)
+class Event:
+    """Something that happened to a camera: ``kind`` is "card-placed",
+    "card-removed", "camera-gone", "camera-back" or "overflow" (events after
+    the one before it were lost); ``sequence`` counts the camera's events from
+    1, so a gap shows a loss; ``time_ns`` is CLOCK_MONOTONIC. For camera-back,
+    ``result`` is that of writing the settings again (0: none failed)."""
+
+    kind: str
+    sequence: int
+    time_ns: int
+    result: int = 0
+
+
+def _event_of(r: EventRecord) -> Event:
+    return Event(lib().tarvik_event_name(r.type).decode(), r.sequence, r.time_ns, r.result)
 
 
 @dataclass(frozen=True)
@@ -115,6 +142,11 @@ def _quad(values: Sequence[int], what: str) -> "ctypes.Array[c_int32]":
     return (c_int32 * 4)(*(_int(v, what) for v in values))
 
 
+def _checked_fd(fd: int) -> int:
+    check(min(fd, 0))
+    return fd
+
+
 def _quad_of(values: "ctypes.Array[c_int32]") -> Quad:
     return values[0], values[1], values[2], values[3]
 
@@ -132,6 +164,13 @@ class Camera:
     Failures raise TarvikError subclasses. Closing twice is harmless; any
     operation after ``close()`` raises NotOpen until ``open()`` opens it again.
     A camera may be used from several threads.
+
+    The camera is known by its serial: unplugged, its calls raise DeviceGone;
+    plugged in again, it is opened again on the same path (and, with
+    ``reapply``, what this object last wrote of the settings a power cycle
+    resets is written again). ``events()``, or ``fileno()`` with
+    ``dispatch()`` and ``next_event()`` (for asyncio's ``add_reader``), say
+    when a card is placed or removed and when the camera goes and comes back.
     """
 
     def __init__(
@@ -141,6 +180,7 @@ class Camera:
         video_node: Optional[str] = None,
         serial: Optional[str] = None,
         transport: str = "auto",
+        reapply: bool = False,
     ) -> None:
         if (bus is None) != (address is None):
             raise InvalidArgument(INVALID_ARGUMENT, detail="give bus and address together")
@@ -155,7 +195,10 @@ class Camera:
         self._options.video_node = video_node.encode() if video_node is not None else None
         self._options.serial = serial.encode() if serial is not None else None
         self._options.transport = _TRANSPORTS[transport]
+        self._options.flags = _OPEN_REAPPLY if reapply else 0
         self._lock = threading.RLock()
+        self._waiters = threading.Condition(self._lock)
+        self._waiting = 0
         self._handle: Optional[int] = None
         self._finalizer: Optional[weakref.finalize] = None
         self.open()
@@ -173,8 +216,12 @@ class Camera:
             self._finalizer = weakref.finalize(self, lib().tarvik_close, handle.value)
 
     def close(self) -> None:
-        """Closes the camera; closing a closed camera does nothing."""
+        """Closes the camera; closing a closed camera does nothing. A thread
+        waiting in ``events()`` is woken first, and its iteration ends."""
         with self._lock:
+            while self._waiting and self._handle is not None:
+                lib().tarvik_cancel(self._handle)
+                self._waiters.wait(0.1)
             if self._finalizer is not None:
                 self._finalizer()
             self._handle = None
@@ -221,6 +268,54 @@ class Camera:
         info, transport = CameraInfoRecord(), c_int()
         self._run("tarvik_describe", byref(info), byref(transport))
         return _info_of(info), _TRANSPORT_NAMES[transport.value]
+
+    # --- events ---
+    def fileno(self) -> int:
+        """The descriptor to wait on: readable when ``dispatch()`` has work.
+        Asking for it starts the card polls."""
+        return self._call(lambda h: _checked_fd(lib().tarvik_get_fd(h)))
+
+    def set_poll_interval(self, milliseconds: int) -> None:
+        """The time between card polls: at least 50 ms (250 by default)."""
+        self._run("tarvik_set_poll_interval", _int(milliseconds, "interval", (50, 2**31 - 1)))
+
+    def dispatch(self) -> None:
+        """Does what is due without waiting (a card poll, a camera leaving or back)."""
+        self._run("tarvik_dispatch")
+
+    def next_event(self) -> Optional[Event]:
+        """The oldest event, or None."""
+        record = EventRecord()
+        r = self._call(lambda h: lib().tarvik_next_event(h, byref(record)))
+        if r == _NO_EVENT:
+            return None
+        check(r)
+        return _event_of(record)
+
+    def events(self, timeout: Optional[float] = None) -> Iterator[Event]:
+        """The camera's events as they come; the iteration ends when none came
+        within ``timeout`` seconds (None: it waits for ever) or on ``cancel()``.
+        The camera's lock is not held while it waits."""
+        ms = -1 if timeout is None else max(0, int(timeout * 1000))
+        while True:
+            with self._lock:  # counted as waiting, so that close() wakes it first
+                handle = self._call(lambda h: h)
+                self._waiting += 1
+            try:
+                record = EventRecord()
+                r = lib().tarvik_wait_event(handle, byref(record), ms)  # no lock held
+            finally:
+                with self._lock:
+                    self._waiting -= 1
+                    self._waiters.notify_all()
+            if r in (_NO_EVENT, _CANCELLED):
+                return
+            check(r)
+            yield _event_of(record)
+
+    def cancel(self) -> None:
+        """Wakes whoever waits in ``events()``, which then ends; any thread may call it."""
+        self._run("tarvik_cancel")
 
     # --- settings ---
     @property
