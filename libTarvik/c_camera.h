@@ -58,6 +58,10 @@ void remember(tarvik_camera& camera, int item, const void* record, std::size_t s
 // LIBUSB_ERROR_NO_DEVICE at once, and camera-gone is queued (once).
 void mark_gone(tarvik_camera& camera);
 
+// One card poll now (SAM command 0), its events queued: what dispatch does
+// when the poll timer is due.
+void poll_card(tarvik_camera& camera);
+
 // Queues an event now.
 void queue_event(tarvik_camera& camera, int type, int result = 0);
 

@@ -90,35 +90,6 @@ void try_reopen(tarvik_camera& c) {
     queue_event(c, TARVIK_EVENT_CAMERA_BACK, rewritten);
 }
 
-// One card poll: SAM command 0, whose answer carries no card data.
-void poll_card(tarvik_camera& c) {
-    _SAM_IN_PARAM in{static_cast<unsigned char>(TARVIK_SAM_CMD_STATUS)};
-    auto out = std::make_unique<_SAM_OUT_PARAM>();
-    HRESULT r;
-    {
-        std::shared_lock<std::shared_mutex> lock(c.swap);
-        if (c.gone) return;
-        clear_transfer_failure();
-        r = c.impl->ReadByExtItem(EXT_ITEM_SAM, &in, out.get());
-        r = results::from_member(r, last_transfer_failure());
-    }
-    if (r == TARVIK_LIBUSB_ERROR_NO_DEVICE) {
-        mark_gone(c);
-        return;
-    }
-    if (r != 0) return;  // an answer lost: the next poll asks again
-    switch (c.presence.Poll(presence::card_answered(out->result))) {
-        case presence::Change::kPlaced:
-            queue_event(c, TARVIK_EVENT_CARD_PLACED);
-            break;
-        case presence::Change::kRemoved:
-            queue_event(c, TARVIK_EVENT_CARD_REMOVED);
-            break;
-        case presence::Change::kNone:
-            break;
-    }
-}
-
 // Polling starts with the first wait, dispatch or descriptor asked for.
 void start_polling(tarvik_camera& c) {
     if (c.polling) return;
@@ -178,6 +149,35 @@ int with_camera(tarvik_camera* camera, bool argumentsGiven, Call call) {
 }
 
 }  // namespace
+
+// One card poll: SAM command 0, whose answer carries no card data.
+void poll_card(tarvik_camera& c) {
+    _SAM_IN_PARAM in{static_cast<unsigned char>(TARVIK_SAM_CMD_STATUS)};
+    auto out = std::make_unique<_SAM_OUT_PARAM>();
+    HRESULT r;
+    {
+        std::shared_lock<std::shared_mutex> lock(c.swap);
+        if (c.gone) return;
+        clear_transfer_failure();
+        r = c.impl->ReadByExtItem(EXT_ITEM_SAM, &in, out.get());
+        r = results::from_member(r, last_transfer_failure());
+    }
+    if (r == TARVIK_LIBUSB_ERROR_NO_DEVICE) {
+        mark_gone(c);
+        return;
+    }
+    if (r != 0) return;  // an answer lost: the next poll asks again
+    switch (c.presence.Poll(presence::card_answered(out->result))) {
+        case presence::Change::kPlaced:
+            queue_event(c, TARVIK_EVENT_CARD_PLACED);
+            break;
+        case presence::Change::kRemoved:
+            queue_event(c, TARVIK_EVENT_CARD_REMOVED);
+            break;
+        case presence::Change::kNone:
+            break;
+    }
+}
 
 std::uint64_t now_ns() {
     timespec t{};
