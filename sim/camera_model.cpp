@@ -24,6 +24,7 @@ const char* ToString(TransferStatus status) {
 namespace {
 
 constexpr size_t kDataBlockMax = 48;
+constexpr uint8_t kSamNoCard = 0x80;    // status word 3: no card in the reader's field
 constexpr uint8_t kIgnoredFill = 0xEE;  // answer bytes that no reader should take
 
 Reply Stall() {
@@ -464,8 +465,11 @@ CameraModel::PendingAnswer CameraModel::AnswerSam(const Frame& request) {
     } else if (command > 4) {
         result = -1;  // the SAM knows no such command
     } else if (result == 0) {
-        packet = BuildSamPacket(sam.sw1, sam.sw2, sam.sw3,
-                                SamCommandData(static_cast<uint8_t>(command), sam), dataLen);
+        // Command 2 asks the SAM its own number: it answers that with or without a card.
+        packet = !sam.cardPresent && command != 2
+                     ? BuildSamPacket(0x00, 0x00, kSamNoCard, {}, dataLen)
+                     : BuildSamPacket(sam.sw1, sam.sw2, sam.sw3,
+                                      SamCommandData(static_cast<uint8_t>(command), sam), dataLen);
         if (badChecksum) packet.back() ^= 0x5A;
     }
     for (const Frame& f : SamAnswerFrames(request.data(), echo, result, packet)) {

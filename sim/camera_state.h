@@ -84,6 +84,10 @@ struct IdentityCard {
 // What the SAM answers. The overrides let a test present any packet.
 struct SamState {
     IdentityCard card;
+    // Whether a card lies on the reader. Without one, commands 0, 1, 3 and 4 answer the status
+    // bytes 00 00 80 ("no card") and no data, whatever the fields below say; command 2 (the
+    // SAM's own number) does not need a card.
+    bool cardPresent = true;
     std::vector<uint8_t> number;  // data of command 2
     uint8_t sw1 = 0x00;
     uint8_t sw2 = 0x00;

@@ -33,8 +33,6 @@ namespace {
 
 using namespace tarvik::sim;
 
-constexpr uint8_t kSamNoCard = 0x80;  // the SAM's status word 3 for "no card in the field"
-
 // CMD, for the signal handler: 0 while there is none to send a signal to.
 std::atomic<pid_t> g_child{0};
 std::atomic<int> g_pending{0};  // a signal that came before CMD started
@@ -108,11 +106,7 @@ CameraState InitialState(const LaunchOptions& o, const CameraSpec& spec) {
     CameraState state = DefaultCameraState();
     const std::string& card = spec.card.empty() ? o.card : spec.card;
     if (!card.empty()) state.sam.card = LoadCardFile(card);
-    if (o.noCard) {  // status only: no text, no photo
-        state.sam.sw3 = kSamNoCard;
-        state.sam.commandData[3] = {};
-        state.sam.commandData[4] = {};
-    }
+    state.sam.cardPresent = !o.noCard;
     if (o.tilt) {
         std::array<uint8_t, 8> rest{};
         std::copy(state.gyro.begin() + 6, state.gyro.end(), rest.begin());
