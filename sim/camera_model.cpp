@@ -79,7 +79,7 @@ bool Matches(const Fault& f, const SetupPacket& s, const std::vector<uint8_t>& o
 }  // namespace
 
 CameraModel::CameraModel() : CameraModel(DefaultCameraState()) {}
-CameraModel::CameraModel(CameraState initial) : m_state(std::move(initial)) {}
+CameraModel::CameraModel(CameraState initial) : m_state(initial), m_powerOn(std::move(initial)) {}
 
 uint16_t CameraModel::ControlLength(uint8_t selector) {
     switch (selector) {
@@ -139,6 +139,19 @@ bool CameraModel::Gone() const {
 void CameraModel::Unplug() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_gone = true;
+}
+
+void CameraModel::PowerCycle() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_gone = false;
+    m_pending = PendingAnswer{};
+    m_answering = 0;
+    m_state.et = m_powerOn.et;
+    m_state.mjpegQp = m_powerOn.mjpegQp;
+    m_state.roi = m_powerOn.roi;
+    m_state.gpio = m_powerOn.gpio;
+    m_state.vcm = m_powerOn.vcm;
+    m_state.marker = m_powerOn.marker;
 }
 
 void CameraModel::QueueAnswer(std::vector<Frame> frames) {

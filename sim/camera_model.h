@@ -58,6 +58,12 @@ public:
     bool Gone() const;
     // Gone for good from now on: every request fails with ENODEV.
     void Unplug();
+    // Plugged in again after an unplug: the camera answers again, with what a power cycle
+    // leaves. The volatile items (exposure, MJPEG quantisation, ROI, GPIO, lens motor) and the
+    // marker are back at the values the camera was made with, and an answer half fetched is
+    // dropped; the device id, the serial, the card on the reader and everything else stay.
+    // Injected faults stay too: they belong to the test, not to the camera.
+    void PowerCycle();
 
     // The next read request on selector 14 is answered with exactly these frames (each GET_CUR
     // returns the next one), whatever it asks. Calls queue further scripted answers.
@@ -89,6 +95,7 @@ private:
 
     mutable std::mutex m_mutex;
     CameraState m_state;
+    const CameraState m_powerOn;  // what PowerCycle brings the volatile items back to
     PendingAnswer m_pending;
     uint32_t m_answering = 0;  // the item whose answer the next GET_CURs fetch
     std::deque<std::vector<Frame>> m_scripted;

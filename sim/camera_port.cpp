@@ -60,6 +60,12 @@ void CameraPort::SetDriverBound(bool bound) {
     Notify();
 }
 
+void CameraPort::PluggedIn(bool driverBound) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_driverBound = driverBound;
+    m_goneSeen = false;
+}
+
 std::chrono::milliseconds CameraPort::DriverTimeout() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_driverTimeout;

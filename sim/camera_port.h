@@ -40,6 +40,10 @@ public:
     bool DriverBound() const;
     void SetDriverBound(bool bound);
 
+    // The camera is plugged in again: the driver bound or not, as the kernel binds it, and a
+    // later going for good is told again. Tells no listener: the caller refreshes.
+    void PluggedIn(bool driverBound);
+
     std::chrono::milliseconds DriverTimeout() const;
     void SetDriverTimeout(std::chrono::milliseconds timeout);
 

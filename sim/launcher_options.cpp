@@ -4,9 +4,9 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <tuple>
 
-#include "camera_state.h"
-#include "control_transfer.h"
+#include "fault_spec.h"
 
 namespace tarvik::sim {
 
@@ -88,35 +88,6 @@ OtherDeviceSpec OtherDevice(const std::string& text) {
     return o;
 }
 
-// stall|timeout|garbage[:ITEM] on selector 14's GET_CUR and SET_CUR, for the whole run. The
-// driver's own GET_LEN / GET_INFO are spared, so that the video door shows the fault itself.
-std::vector<Fault> Faults(const std::string& text) {
-    const size_t colon = text.find(':');
-    const std::string kind = text.substr(0, colon);
-    Fault f;
-    f.selector = kSelectorChannel;
-    f.count = INT_MAX;
-    if (colon != std::string::npos) {
-        f.item = Integer(text.substr(colon + 1), "--fault item (1-18)", kItemEt, kItemVcm);
-    }
-    if (kind == "stall") {
-        f.kind = FaultKind::kStall;
-    } else if (kind == "timeout") {
-        f.kind = FaultKind::kDelay;
-        f.delay = std::chrono::hours(24);
-    } else if (kind == "garbage") {
-        f.kind = FaultKind::kGarbage;
-        f.request = kGetCur;
-        return {f};
-    } else {
-        throw UsageError("bad --fault: " + text + " (stall, timeout or garbage[:ITEM])");
-    }
-    Fault set = f;
-    f.request = kGetCur;
-    set.request = kSetCur;
-    return {f, set};
-}
-
 double Seconds(const std::string& text) {
     char* end = nullptr;
     const double v = std::strtod(text.c_str(), &end);
@@ -182,7 +153,11 @@ LaunchOptions ParseLaunchOptions(const std::vector<std::string>& args) {
         } else if (arg == "--tilt") {
             o.tilt = Pair(value(arg), ',', arg, -90, 90);
         } else if (arg == "--fault") {
-            for (const Fault& f : Faults(value(arg))) o.faults.push_back(f);
+            try {
+                for (const Fault& f : ParseFaultSpec(value(arg), arg)) o.faults.push_back(f);
+            } catch (const std::invalid_argument& e) {
+                throw UsageError(e.what());
+            }
         } else if (arg == "--unplug-after") {
             o.unplugAfterSeconds = Seconds(value(arg));
         } else if (arg == "--unplug-after-transfers") {

@@ -68,26 +68,27 @@ std::string DeviceNodePath(int bus, int address) {
     return "/dev/bus/usb/" + Padded(bus, 3) + "/" + Padded(address, 3);
 }
 
-std::string DeviceSysPath(int bus, int address) {
+std::string DeviceSysPath(int bus, int port) {
     const std::string b = std::to_string(bus);
-    return std::string(kBusRoot) + "/usb" + b + "/" + b + "-" + std::to_string(address);
+    return std::string(kBusRoot) + "/usb" + b + "/" + b + "-" + std::to_string(port);
 }
 
-std::string InterfaceName(int bus, int address) {
-    return std::to_string(bus) + "-" + std::to_string(address) + ":1.0";
+std::string InterfaceName(int bus, int port) {
+    return std::to_string(bus) + "-" + std::to_string(port) + ":1.0";
 }
 
 std::string DriverLinkTarget() { return "../../../../../../bus/usb/drivers/uvcvideo"; }
 
-std::string UmockdevDeviceText(int bus, int address, const std::vector<uint8_t>& descriptors,
-                               const std::string& serial) {
+std::string UmockdevDeviceText(int bus, int port, int address,
+                               const std::vector<uint8_t>& descriptors, const std::string& serial) {
     const std::string b = Padded(bus, 3);
     const std::string d = Padded(address, 3);
-    std::string text = "P: " + DeviceSysPath(bus, address).substr(4) + "\n" + "N: bus/usb/" + b +
-                       "/" + d + "\n" + "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n" +
-                       "E: DEVNAME=/dev/bus/usb/" + b + "/" + d + "\n" + "E: BUSNUM=" + b +
-                       "\nE: DEVNUM=" + d + "\n" + "A: busnum=" + std::to_string(bus) + "\\n\n" +
+    std::string text = "P: " + DeviceSysPath(bus, port).substr(4) + "\n" +
+                       "E: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n" + "E: DEVNAME=/dev/bus/usb/" +
+                       b + "/" + d + "\n" + "E: BUSNUM=" + b + "\nE: DEVNUM=" + d + "\n" +
+                       "A: busnum=" + std::to_string(bus) + "\\n\n" +
                        "A: devnum=" + std::to_string(address) + "\\n\n" +
+                       "A: devpath=" + std::to_string(port) + "\\n\n" +
                        "A: speed=480\\n\nA: bConfigurationValue=1\\n\n" +
                        "A: idVendor=" + Hex4(GetLe16(&descriptors[8])) + "\\n\n" +
                        "A: idProduct=" + Hex4(GetLe16(&descriptors[10])) + "\\n\n";
@@ -97,39 +98,37 @@ std::string UmockdevDeviceText(int bus, int address, const std::vector<uint8_t>&
     if (!serial.empty()) {
         text += "A: serial=" + serial + "\\n\nE: ID_SERIAL_SHORT=" + serial + "\n";
     }
-    text += "H: descriptors=";
-    for (uint8_t byte : descriptors) {
-        char hex[3];
-        std::snprintf(hex, sizeof hex, "%02x", byte);
-        text += hex;
-    }
-    return text + "\n";
+    return text;
 }
 
-std::string UmockdevInterfaceText(int bus, int address, bool driverBound) {
+std::string UmockdevInterfaceText(int bus, int port, bool driverBound) {
     std::string text =
-        "P: " + DeviceSysPath(bus, address).substr(4) + "/" + InterfaceName(bus, address) + "\n";
+        "P: " + DeviceSysPath(bus, port).substr(4) + "/" + InterfaceName(bus, port) + "\n";
     text +=
         "E: SUBSYSTEM=usb\n"
         "E: DEVTYPE=usb_interface\n"
         "A: bInterfaceNumber=00\\n\n"
         "A: bInterfaceClass=0e\\n\n"
         "A: bInterfaceSubClass=01\\n\n";
-    if (driverBound) text += "E: DRIVER=uvcvideo\nL: driver=" + DriverLinkTarget() + "\n";
+    if (driverBound) text += "E: DRIVER=uvcvideo\n";
     return text;
 }
 
-std::string UmockdevVideoText(int bus, int address, int index, bool metadata) {
+std::string UmockdevVideoText(int bus, int port, int index, bool metadata) {
     const std::string name = "video" + std::to_string(index);
     const std::string number = std::to_string(index);
-    return "P: " + DeviceSysPath(bus, address).substr(4) + "/" + InterfaceName(bus, address) +
-           "/video4linux/" + name + "\n" + "N: " + name + "\n" +
+    return "P: " + DeviceSysPath(bus, port).substr(4) + "/" + InterfaceName(bus, port) +
+           "/video4linux/" + name + "\n" +
            "E: SUBSYSTEM=video4linux\n"
            "E: DEVNAME=/dev/" +
            name + "\n" + "E: MAJOR=" + std::to_string(kVideoMajor) + "\nE: MINOR=" + number + "\n" +
            "A: dev=" + std::to_string(kVideoMajor) + ":" + number + "\\n\n" +
            "A: name=" + kCameraProductName + "\\n\n" + "A: index=" + (metadata ? "1" : "0") +
-           "\\n\n" + "L: device=../../../" + InterfaceName(bus, address) + "\n";
+           "\\n\n";
+}
+
+std::string VideoDeviceLinkTarget(int bus, int port) {
+    return "../../../" + InterfaceName(bus, port);
 }
 
 }  // namespace tarvik::sim

@@ -144,6 +144,11 @@ bool UsbDeviceNode::InterfaceClaimed() const {
     return m_claimant != nullptr && umockdev_ioctl_client_get_connected(m_claimant);
 }
 
+void UsbDeviceNode::Retire() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_retired = true;
+}
+
 void UsbDeviceNode::OnConnected(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self) {
     { std::lock_guard<std::mutex> published(PublicationLock()); }
     auto* node = static_cast<UsbDeviceNode*>(self);
@@ -238,8 +243,8 @@ void UsbDeviceNode::Dispatch(UMockdevIoctlClient* client) {
     const bool mayWait = request == USBDEVFS_SUBMITURB || request == USBDEVFS_CLAIMINTERFACE ||
                          request == USBDEVFS_IOCTL;
     if (mayWait && Defer(client)) return;
-    if (m_port->Gone() && request != USBDEVFS_REAPURBNDELAY && request != USBDEVFS_REAPURB &&
-        request != USBDEVFS_DISCARDURB) {
+    if ((m_retired || m_port->Gone()) && request != USBDEVFS_REAPURBNDELAY &&
+        request != USBDEVFS_REAPURB && request != USBDEVFS_DISCARDURB) {
         Complete(client, ENODEV);
         return;
     }

@@ -46,6 +46,11 @@ public:
     // Whether some descriptor holds interface 0.
     bool InterfaceClaimed() const;
 
+    // The device left the bus: from now on every request through this node fails with ENODEV,
+    // as on a file of an unplugged device, even after the camera comes back (at another
+    // address, through another node). No request of this node is under way when it returns.
+    void Retire();
+
 private:
     struct InFlight {
         UMockdevIoctlData* urb = nullptr;  // our reference to the client's URB copy
@@ -90,6 +95,7 @@ private:
     mutable std::mutex m_mutex;
     std::map<UMockdevIoctlClient*, Client> m_clients;  // each holds a reference to its key
     UMockdevIoctlClient* m_claimant = nullptr;
+    bool m_retired = false;
     std::map<Deferred*, GSource*> m_deferred;
 };
 

@@ -96,6 +96,13 @@ bool VideoDeviceNode::Attach(UMockdevTestbed* testbed, const std::string& node,
     return true;
 }
 
+void VideoDeviceNode::Retire() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_retired = true;
+}
+
+bool VideoDeviceNode::Away() const { return m_retired || m_port->Gone() || !m_port->DriverBound(); }
+
 int VideoDeviceNode::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, void* self) {
     { std::lock_guard<std::mutex> published(PublicationLock()); }
     static_cast<VideoDeviceNode*>(self)->HandleIoctl(client);
@@ -104,7 +111,7 @@ int VideoDeviceNode::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, vo
 
 void VideoDeviceNode::HandleIoctl(UMockdevIoctlClient* client) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_port->Gone() || !m_port->DriverBound()) return Complete(client, ENODEV);
+    if (Away()) return Complete(client, ENODEV);
     switch (umockdev_ioctl_client_get_request(client)) {
         case VIDIOC_QUERYCAP:
             return QueryCapabilities(client);
@@ -262,7 +269,7 @@ void VideoDeviceNode::Finish(Late& late) {
         m_waiting.pop_front();
         if (!umockdev_ioctl_client_get_connected(next)) {
             // closed while it waited: nobody to answer
-        } else if (m_port->Gone() || !m_port->DriverBound()) {
+        } else if (Away()) {
             Complete(next, ENODEV);
         } else {
             Serve(next);

@@ -47,6 +47,10 @@ public:
 
     bool Attach(UMockdevTestbed* testbed, const std::string& node, std::string& error);
 
+    // The camera left the bus: every later request through this node fails with ENODEV, even
+    // after the camera comes back (with nodes of its own).
+    void Retire();
+
 private:
     struct ControlInfo {  // what the driver learnt on the control's first use
         uint16_t length = 0;
@@ -64,6 +68,8 @@ private:
     int Exchange(uint8_t query, uint8_t selector, size_t size, uint8_t* data, bool byDriver,
                  std::chrono::milliseconds& wait);
     void Finish(Late& late);
+    // Whether the node answers ENODEV: retired, the camera gone or the driver unbound.
+    bool Away() const;
 
     std::shared_ptr<CameraPort> m_port;
     Kind m_kind;
@@ -71,7 +77,8 @@ private:
     UMockdevIoctlBase* m_handler = nullptr;
     std::mutex m_mutex;
     std::map<uint8_t, ControlInfo> m_controls;
-    bool m_busy = false;                         // a request waits for the camera
+    bool m_busy = false;  // a request waits for the camera
+    bool m_retired = false;
     std::deque<UMockdevIoctlClient*> m_waiting;  // queries behind it, each with a reference
     std::map<Late*, GSource*> m_late;
 };
