@@ -12,6 +12,7 @@ namespace tarvik::sim {
 
 const char kLauncherUsage[] =
     "usage: tarvik-sim run [options] -- CMD [ARGS...]\n"
+    "       tarvik-sim ctl [--control PATH] [--camera N | --serial S] [--json] COMMAND [ARGS]\n"
     "       tarvik-sim --help | --version\n"
     "Runs CMD with simulated cameras (USB 0ac8:010c) that libusb and the video4linux tools\n"
     "see. Prints nothing on standard output; passes signals sent to it (INT, TERM, HUP, QUIT)\n"
@@ -27,14 +28,30 @@ const char kLauncherUsage[] =
     "  --no-video              cameras show no video nodes (the driver's side is off)\n"
     "  --card FILE             identity card (JSON, a regular file of at most 64 KiB) the SAM\n"
     "                          presents\n"
-    "  --no-card               the SAM finds no card (it answers status 0x80)\n"
+    "  --no-card               no card on the reader at the start (the SAM answers status\n"
+    "                          0x80)\n"
     "  --tilt PITCH,ROLL       tilt the motion sensor reports, whole degrees\n"
     "  --fault KIND[:ITEM]     selector 14 fails for the whole run: stall, timeout or garbage;\n"
     "                          with ITEM (1-18) only the read transactions of that item\n"
     "  --unplug-after SECONDS  the cameras are unplugged for good after SECONDS\n"
     "  --unplug-after-transfers N  each camera is unplugged for good after N requests\n"
     "  --deny-access           the cameras' nodes refuse to open (EACCES), as without the\n"
-    "                          udev rule\n";
+    "                          udev rule\n"
+    "  --script FILE           run the control commands in FILE while CMD runs, one a line:\n"
+    "                          at MS COMMAND [ARGS] (MS after CMD started; # comments)\n"
+    "Control commands, from tarvik-sim ctl or a script, for the camera chosen by --camera N\n"
+    "(its index, default 0) or --serial S; each prints the camera's status:\n"
+    "  place-card [FILE]       lay a card on the reader: FILE, or the camera's own card\n"
+    "  remove-card             take it away (the SAM answers status 80, code 17)\n"
+    "  unplug                  pull the cable: remove uevents, the camera's nodes go\n"
+    "  replug                  plug it in again: a new address, the same serial and port,\n"
+    "                          the volatile settings at their defaults\n"
+    "  tilt PITCH ROLL         the tilt the motion sensor reports, whole degrees\n"
+    "  fault SPEC              as --fault; none drops every fault\n"
+    "  status                  per camera: bus, address, serial, plugged or not, card or not,\n"
+    "                          video node (--json: as JSON)\n"
+    "ctl finds CMD's launcher through TARVIK_SIM_CONTROL (set for CMD) or --control PATH, and\n"
+    "exits 0, 1 when the command cannot be carried out, 2 for a usage error.\n";
 
 namespace {
 
@@ -160,6 +177,8 @@ LaunchOptions ParseLaunchOptions(const std::vector<std::string>& args) {
             }
         } else if (arg == "--unplug-after") {
             o.unplugAfterSeconds = Seconds(value(arg));
+        } else if (arg == "--script") {
+            o.script = value(arg);
         } else if (arg == "--unplug-after-transfers") {
             o.unplugAfterTransfers = Integer(value(arg), arg, 0, INT_MAX - 1);
         } else {

@@ -43,6 +43,7 @@ struct LaunchOptions {
     std::optional<double> unplugAfterSeconds;
     std::optional<int> unplugAfterTransfers;
     std::vector<Fault> faults;  // --fault, as faults of every camera
+    std::string script;         // --script: control commands at their times
     std::vector<std::string> command;
 };
 

@@ -1,11 +1,13 @@
 // tarvik-sim run [options] -- CMD ARGS...
+// tarvik-sim ctl [--control PATH] COMMAND [ARGS]
 //
 // Runs CMD with simulated cameras visible to libusb and to the video4linux tools: this process
 // holds the umockdev testbed and serves the device ioctls; CMD runs with umockdev's preload
 // (and the simulator's open() gate). Prints nothing on standard output while CMD runs; its own
 // errors go to standard error. The exit status is CMD's (128 + signal when CMD was killed by a
 // signal; 2 for a usage error, 127 when CMD cannot be started). Signals sent to the launcher
-// go on to CMD.
+// go on to CMD. While CMD runs, the launcher takes control commands on a socket whose path
+// CMD finds in TARVIK_SIM_CONTROL (`tarvik-sim ctl` sends them), and runs a --script's.
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -14,17 +16,23 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <iterator>
 #include <string>
 #include <vector>
 
+#include "camera_control.h"
 #include "card_file.h"
+#include "control_command.h"
+#include "control_script.h"
+#include "control_socket.h"
 #include "gyro_tilt.h"
 #include "launcher_options.h"
 #include "testbed.h"
@@ -158,20 +166,59 @@ std::string GatePath() {
     return "";
 }
 
-std::vector<std::string> ChildEnvironment(const std::string& root, const std::string& gate) {
+constexpr char kPreload[] = "libumockdev-preload.so.0";
+// The launcher's own LD_PRELOAD before it put umockdev's preload there for itself.
+constexpr char kOuterPreload[] = "TARVIK_SIM_OUTER_PRELOAD";
+
+bool Named(const std::string& entry, const char* name) {
+    return entry.rfind(name, 0) == 0 && entry.size() > std::strlen(name) &&
+           entry[std::strlen(name)] == '=';
+}
+
+// umockdev announces devices (uevents) only from a process under its preload, where it can
+// read the simulated sysfs: the launcher runs itself again under it. Returns only when that
+// is done or cannot be done (then programs are told of no unplug and no replug).
+void RunUnderPreload(char** argv) {
+    // Not umockdev_in_mock_environment(): it keeps its first answer, and without a testbed yet
+    // that answer is no.
+    const char* old = std::getenv("LD_PRELOAD");
+    if (std::getenv(kOuterPreload) != nullptr ||
+        (old != nullptr && std::strstr(old, "libumockdev-preload") != nullptr)) {
+        return;
+    }
+    const std::string outer = old != nullptr ? old : "";
+    setenv(kOuterPreload, outer.c_str(), 1);
+    setenv("LD_PRELOAD", (outer.empty() ? kPreload : outer + ":" + kPreload).c_str(), 1);
+#if defined(__SANITIZE_ADDRESS__)
+    // ASan wants to come first in the library list; under the preload it cannot.
+    const char* asan = std::getenv("ASAN_OPTIONS");
+    setenv("ASAN_OPTIONS",
+           ((asan != nullptr ? std::string(asan) + ":" : "") + "verify_asan_link_order=0").c_str(),
+           1);
+#endif
+    ::execv("/proc/self/exe", argv);
+    std::fprintf(stderr, "tarvik-sim: cannot run under %s (%s): programs get no hotplug events\n",
+                 kPreload, std::strerror(errno));
+}
+
+std::vector<std::string> ChildEnvironment(const std::string& root, const std::string& gate,
+                                          const std::string& control) {
     std::vector<std::string> env;
-    std::string preload = (gate.empty() ? "" : gate + ":") + "libumockdev-preload.so.0";
+    std::string preload = (gate.empty() ? "" : gate + ":") + kPreload;
+    const char* outer = std::getenv(kOuterPreload);
+    std::string old = outer != nullptr ? outer : "";
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string entry = *e;
-        if (entry.rfind("LD_PRELOAD=", 0) == 0) {
-            const std::string old = entry.substr(std::strlen("LD_PRELOAD="));
-            if (!old.empty()) preload = old + ":" + preload;
-        } else if (entry.rfind("UMOCKDEV_DIR=", 0) != 0) {
+        if (Named(entry, "LD_PRELOAD")) {
+            if (outer == nullptr) old = entry.substr(std::strlen("LD_PRELOAD="));
+        } else if (!Named(entry, "UMOCKDEV_DIR") && !Named(entry, kOuterPreload) &&
+                   !Named(entry, "TARVIK_SIM_CONTROL")) {
             env.push_back(entry);
         }
     }
-    env.push_back("LD_PRELOAD=" + preload);
+    env.push_back("LD_PRELOAD=" + (old.empty() ? preload : old + ":" + preload));
     env.push_back("UMOCKDEV_DIR=" + root);
+    env.push_back("TARVIK_SIM_CONTROL=" + control);
     return env;
 }
 
@@ -219,12 +266,32 @@ void UnplugGone(Testbed& bed, bool all) {
     }
 }
 
+ControlAnswer Control(Testbed& bed, const std::vector<std::string>& words) {
+    try {
+        return RunControlCommand(bed, ParseControlCommand(words));
+    } catch (const UsageError& e) {
+        return {2, std::string(e.what()) + "\n"};
+    }
+}
+
+// What a --script line made of the cameras goes to standard error: standard output is CMD's.
+void RunScriptLine(Testbed& bed, const ScriptLine& line) {
+    const ControlAnswer a = RunControlCommand(bed, line.command);
+    if (a.status != 0 || line.command.verb == ControlCommand::Verb::kStatus) {
+        std::fprintf(stderr, "tarvik-sim: script line %d: %s", line.line, a.text.c_str());
+    }
+}
+
 // Waits for CMD, unplugging cameras as they go (a fault or --unplug-after-transfers, told
-// through `gone`) or when --unplug-after's time is up.
-int Wait(pid_t child, Testbed& bed, const Descriptor& gone, std::optional<double> unplugAfter) {
+// through `gone`) or when --unplug-after's time is up, serving control requests and running
+// the script's lines when they are due.
+int Wait(pid_t child, Testbed& bed, const Descriptor& gone, ControlServer& control,
+         std::optional<double> unplugAfter, const std::vector<ScriptLine>& script) {
+    using Clock = std::chrono::steady_clock;
     const Descriptor exited(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
-    const auto start = std::chrono::steady_clock::now();
+    const auto start = Clock::now();
     bool timerDone = !unplugAfter.has_value();
+    size_t next = 0;  // the script's next line
     for (;;) {
         siginfo_t ended{};
         const int done =
@@ -239,23 +306,39 @@ int Wait(pid_t child, Testbed& bed, const Descriptor& gone, std::optional<double
             std::fprintf(stderr, "tarvik-sim: waitid: %s\n", std::strerror(errno));
             return 127;
         }
-        int timeout = exited.get() >= 0 ? -1 : 20;  // without pidfd (old kernel): look often
+        std::optional<Clock::time_point> due;
         if (!timerDone) {
-            const auto due = start + std::chrono::duration<double>(*unplugAfter);
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                due - std::chrono::steady_clock::now());
-            timeout = timeout < 0 ? static_cast<int>(std::max<long>(left.count(), 0))
-                                  : std::min<int>(timeout, static_cast<int>(left.count()));
-            if (left.count() <= 0) {
+            due = start + std::chrono::duration_cast<Clock::duration>(
+                              std::chrono::duration<double>(*unplugAfter));
+            if (Clock::now() >= *due) {
                 UnplugGone(bed, true);
                 timerDone = true;
                 continue;
             }
         }
-        pollfd fds[2] = {{gone.get(), POLLIN, 0}, {exited.get(), POLLIN, 0}};
-        if (::poll(fds, exited.get() >= 0 ? 2 : 1, timeout) > 0 && (fds[0].revents & POLLIN)) {
+        if (next < script.size()) {
+            if (Clock::now() >= start + script[next].at) {
+                RunScriptLine(bed, script[next++]);
+                continue;
+            }
+            due = due ? std::min(*due, start + script[next].at) : start + script[next].at;
+        }
+        int timeout = exited.get() >= 0 ? -1 : 20;  // without pidfd (old kernel): look often
+        if (due) {
+            const auto left =
+                std::chrono::ceil<std::chrono::milliseconds>(*due - Clock::now()).count();
+            const int wait = static_cast<int>(std::max<long>(left, 0));
+            timeout = timeout < 0 ? wait : std::min(timeout, wait);
+        }
+        pollfd fds[3] = {
+            {gone.get(), POLLIN, 0}, {control.Descriptor(), POLLIN, 0}, {exited.get(), POLLIN, 0}};
+        if (::poll(fds, exited.get() >= 0 ? 3 : 2, timeout) <= 0) continue;
+        if (fds[0].revents & POLLIN) {
             uint64_t count = 0;
             if (::read(gone.get(), &count, sizeof count) == sizeof count) UnplugGone(bed, false);
+        }
+        if (fds[1].revents & POLLIN) {
+            control.ServeOne([&bed](const std::vector<std::string>& w) { return Control(bed, w); });
         }
     }
 }
@@ -265,6 +348,8 @@ int Run(const LaunchOptions& o) {
     if (o.denyAccess && gate.empty()) {
         throw std::runtime_error("--deny-access: the open() gate library is not installed");
     }
+    const std::vector<ScriptLine> script =
+        o.script.empty() ? std::vector<ScriptLine>{} : LoadControlScript(o.script);
     const SignalsToChild signals;  // first: it goes after the testbed is taken down
     Testbed bed;
     const Descriptor gone(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -273,19 +358,68 @@ int Run(const LaunchOptions& o) {
         (void)!::write(fd, &one, sizeof one);
     });
     AddDevices(bed, o);
+    ControlServer control(bed.RootDir() + "/tarvik-control");
     std::vector<std::string> command = o.command;
-    const pid_t child = Spawn(command, ChildEnvironment(bed.RootDir(), gate));
+    const pid_t child = Spawn(command, ChildEnvironment(bed.RootDir(), gate, control.Path()));
     if (child < 0) return 127;
     SignalsToChild::Started(child);
-    return Wait(child, bed, gone, o.unplugAfterSeconds);
+    return Wait(child, bed, gone, control, o.unplugAfterSeconds, script);
+}
+
+// tarvik-sim ctl [--control PATH] COMMAND [ARGS]: one control command to a running launcher.
+int Ctl(const std::vector<std::string>& args) {
+    const char* fromEnvironment = std::getenv("TARVIK_SIM_CONTROL");
+    std::string path = fromEnvironment != nullptr ? fromEnvironment : "";
+    std::vector<std::string> words;
+    ControlCommand command;
+    try {
+        for (size_t i = 0; i < args.size(); ++i) {
+            if (args[i] == "--help" || args[i] == "-h") {
+                std::fputs(kLauncherUsage, stdout);
+                return 0;
+            }
+            if (args[i] == "--control" && i + 1 == args.size()) {
+                throw UsageError("--control needs a path");
+            }
+            if (args[i] == "--control") {
+                path = args[++i];
+            } else {
+                words.push_back(args[i]);
+            }
+        }
+        if (path.empty()) {
+            throw UsageError(
+                "no simulator: TARVIK_SIM_CONTROL is not set (run under tarvik-sim run, or give "
+                "--control PATH)");
+        }
+        char here[4096];
+        command = ParseControlCommand(words, ::getcwd(here, sizeof here) != nullptr ? here : "");
+    } catch (const UsageError& e) {
+        std::fprintf(stderr, "tarvik-sim: ctl: %s\n", e.what());
+        return 2;
+    }
+    try {
+        const ControlAnswer a = SendControlRequest(path, ControlWords(command));
+        if (a.status == 0) {
+            std::fputs(a.text.c_str(), stdout);
+        } else {
+            std::fprintf(stderr, "tarvik-sim: ctl: %s", a.text.c_str());
+        }
+        return a.status;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "tarvik-sim: ctl: %s\n", e.what());
+        return 1;
+    }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    if (!args.empty() && args[0] == "ctl") return Ctl({args.begin() + 1, args.end()});
     LaunchOptions options;
     try {
-        options = ParseLaunchOptions(std::vector<std::string>(argv + 1, argv + argc));
+        options = ParseLaunchOptions(args);
     } catch (const UsageError& e) {
         std::fprintf(stderr, "tarvik-sim: %s\n%s", e.what(), kLauncherUsage);
         return 2;
@@ -298,6 +432,7 @@ int main(int argc, char** argv) {
         std::printf("tarvik-sim %s\n", TARVIK_VERSION);
         return 0;
     }
+    RunUnderPreload(argv);
     try {
         return Run(options);
     } catch (const std::exception& e) {

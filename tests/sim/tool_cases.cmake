@@ -31,6 +31,8 @@ function(expect)
 endfunction()
 
 set(S ${LAUNCHER})
+set(CTL "${S} ctl")
+set(CAM "serial=SN2024SIMCAMERA00042")
 set(UVC ${UVCDYNCTRL})
 string(REPEAT "00" 52 rest)
 set(READ_VERSION "0x0010000005000000${rest}")  # a read request of extension item 5
@@ -129,7 +131,55 @@ expect(STATUS 0 ERR "/dev/bus/usb/001/002: Permission denied\n.*/dev/video0: Per
 # No card in the SAM: the library reports its failure code for the SAM's status 0x80.
 if(TARVIKCTL)
   expect(STATUS 1 ERR "answered 17" COMMAND ${S} run --no-card -- ${TARVIKCTL} --quiet idcard)
+  # Through the library: command 0 without a card, a card placed at run time, the volatile
+  # settings back at their defaults after a replug (the device id kept), tilt and faults.
+  set(T "${TARVIKCTL} --quiet")
+  expect(STATUS 0 OUT "^sam result: 0 [^\n]*\nname: *李四\n.*100 200 640 480\nSIMID-X\npitch 10, roll -20\n100 200 640 480\n$"
+    ERR "SAM command 0: the SAM answered 17 .*get roi failed: .*LIBUSB_ERROR_PIPE"
+    COMMAND ${S} run -- sh -c "${CTL} remove-card >/dev/null && ! ${T} sam 0 && ${CTL} place-card ${WORK}/cards/other.json >/dev/null && ${T} sam 0 && ${T} idcard | head -1 && ${T} set roi 1 2 3 4 && ${T} set device-id SIMID-X && ${CTL} replug >/dev/null && ${T} get roi && ${T} get device-id && ${CTL} tilt 10 -20 >/dev/null && ${T} gyro && ${CTL} fault stall >/dev/null && ! ${T} get roi && ${CTL} fault none >/dev/null && ${T} get roi")
 endif()
+
+# Control at run time: each command prints the camera's status. Unplugged, the camera leaves
+# sysfs; back, it has the next address in the same port, new video nodes and the card it had.
+expect(STATUS 0 OUT "^0 bus=1 address=2 ${CAM} plugged no-card video=/dev/video0\n0 bus=1 address=2 ${CAM} unplugged no-card video=/dev/video0\n0 bus=1 address=3 ${CAM} plugged no-card video=/dev/video2\n3\n\\[{\"address\":3,\"bus\":1,\"card\":true,\"index\":0,\"plugged\":true,\"serial\":\"SN2024SIMCAMERA00042\",\"video\":\"/dev/video2\"}]\n$"
+  COMMAND ${S} run -- sh -c "${CTL} remove-card && ${CTL} unplug && ! test -e /sys/bus/usb/devices/1-2 && ${CTL} replug && cat /sys/bus/usb/devices/1-2/devnum && ${CTL} place-card --json")
+expect(STATUS 0 OUT "^1 bus=1 address=3 serial=SN2024SIMCAMERA00043 unplugged card [^\n]*\n0 [^\n]* plugged [^\n]*\n1 [^\n]* unplugged [^\n]*\n$"
+  COMMAND ${S} run --cameras 2 -- sh -c "${CTL} --serial SN2024SIMCAMERA00043 unplug && ${CTL} status")
+# Refused: exit 1 for what cannot be done, 2 for a bad command; the launcher serves on.
+file(WRITE ${WORK}/long_request.py "import os, socket\ns = socket.socket(socket.AF_UNIX)\n"
+  "s.connect(os.environ['TARVIK_SIM_CONTROL'])\ns.sendall(b'x' * 9999)\ns.shutdown(socket.SHUT_WR)\n"
+  "print(s.recv(99).decode(), end='')\n")
+foreach(row "1|camera 0 is not plugged in|unplug >/dev/null && ${CTL} unplug" "2|unknown command bogus|bogus"
+    "2|tilt 80 80: no sample gives it|tilt 80 80" "2|bad fault: melt|fault melt"
+    "2|no camera 1 \\(there are 1\\)|--camera 1 status" "2|no camera with serial X|--serial X replug"
+    "2|[^ ]*unknown.json: card: unknown field|place-card ${WORK}/unknown.json" "2|replug: too many arguments|replug now")
+  string(REPLACE "|" ";" row "${row}")
+  list(GET row 0 status)
+  list(GET row 1 why)
+  list(GET row 2 words)
+  expect(STATUS 0 OUT "^2\nrequest longer than 4096 bytes\n0 bus=1 address=2 " ERR "ctl: ${why}"
+    COMMAND ${S} run -- sh -c "${CTL} ${words}\ntest $? = ${status} && python3 ${WORK}/long_request.py && ${CTL} status")
+endforeach()
+expect(STATUS 2 ERR "TARVIK_SIM_CONTROL is not set" COMMAND ${CMAKE_COMMAND} -E env --unset=TARVIK_SIM_CONTROL ${S} ctl status)
+
+# --script: the commands at their times after the program started; a relative card file is
+# taken from the script's folder. A bad script is refused before the program starts.
+file(WRITE ${WORK}/cards/other.json "{\"name\": \"李四\"}")
+file(WRITE ${WORK}/timeline.txt "# the card goes, the camera goes and comes back with another\n"
+  "at 0 remove-card\nat 100 unplug  # pulled\n\nat 200 replug\nat 250 place-card cards/other.json\n")
+expect(STATUS 0 OUT "^0 bus=1 address=3 ${CAM} plugged card video=/dev/video2\n$"
+  COMMAND ${S} run --script ${WORK}/timeline.txt -- sh -c "sleep 1 && ${CTL} status")
+foreach(row "1|unknown command unplg|at 10 unplg" "1|expected: at MS COMMAND|after 10 unplug"
+    "2|at 5 is earlier than the line before|at 10 unplug\nat 5 replug" "1|bad time -1|at -1 unplug"
+    "1|[^ ]*/missing.json: card: cannot open|at 1 place-card missing.json")
+  string(REPLACE "|" ";" row "${row}")
+  list(GET row 0 line)
+  list(GET row 1 why)
+  list(GET row 2 script)
+  file(WRITE ${WORK}/bad.txt "${script}\n")
+  expect(STATUS 2 NOT_OUT "started" ERR "bad.txt: line ${line}: ${why}"
+    COMMAND ${S} run --script ${WORK}/bad.txt -- echo started)
+endforeach()
 
 # Two processes, each through both doors, three runs: no crash, usbfs lets one hold at a time.
 foreach(run 1 2 3)
