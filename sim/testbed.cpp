@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <umockdev.h>
 #include <unistd.h>
 
@@ -34,6 +35,13 @@ void CheckSerial(const std::string& serial) {
     }
 }
 
+// The fixture's own files lie in the testbed's root, where no path needs redirecting, and
+// their calls go straight to the kernel: umockdev's preload handles some of them (mkdir, open)
+// with a path buffer that other threads' calls share unlocked.
+int MakeDir(const std::string& path) {
+    return static_cast<int>(::syscall(SYS_mkdirat, AT_FDCWD, path.c_str(), 0755));
+}
+
 // The gate entry for a /dev path (see gate/open_gate.c): absent, or the errno to refuse with.
 void SetGate(const std::string& root, const std::string& node, int error) {
     std::string name = node.substr(1);
@@ -44,7 +52,7 @@ void SetGate(const std::string& root, const std::string& node, int error) {
         ::unlink(entry.c_str());
         return;
     }
-    ::mkdir(dir.c_str(), 0755);
+    MakeDir(dir);
     // A new link renamed over the old one: a program never sees the entry missing midway.
     const std::string fresh = entry + ".new";
     ::unlink(fresh.c_str());
@@ -60,18 +68,19 @@ void SetLink(const std::string& link, const std::string& target, bool present) {
 
 void MakeDirs(const std::string& path) {
     for (size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
-        ::mkdir(path.substr(0, at).c_str(), 0755);
+        MakeDir(path.substr(0, at));
         if (at == std::string::npos) return;
     }
 }
 
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {
     MakeDirs(path.substr(0, path.rfind('/')));
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    const bool written =
-        fd >= 0 && ::write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+    const int fd = static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path.c_str(),
+                                              O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    const bool written = fd >= 0 && ::syscall(SYS_write, fd, bytes.data(), bytes.size()) ==
+                                        static_cast<long>(bytes.size());
     const int error = errno;
-    if (fd >= 0) ::close(fd);
+    if (fd >= 0) ::syscall(SYS_close, fd);
     if (!written) throw std::runtime_error("cannot write " + path + ": " + std::strerror(error));
 }
 
@@ -377,8 +386,26 @@ void Testbed::AddCameraNodes(Camera& camera, int address, bool driverBound) {
             (metadata ? where.metadataNode : where.videoNode) = path;
         }
     }
+    // Every file first, and only then the camera's new names: a program that opened a node
+    // before its file existed would fail, and umockdev's preload keeps a table entry and a
+    // socket for good for every failed open of a node with a handler (its table holds 50).
+    if (camera.m_denyAccess) {
+        SetGate(m_root, DeviceNodePath(bus, address), EACCES);
+        for (const std::string& path : {where.videoNode, where.metadataNode}) {
+            if (!path.empty()) SetGate(m_root, path, EACCES);
+        }
+    }
     const std::string interface = DeviceSysPath(bus, port) + "/" + InterfaceName(bus, port);
     MakeDirs(m_root + interface);  // for the driver link
+    WriteFile(m_root + DeviceSysPath(bus, port) + "/descriptors", CameraDescriptors());
+    WriteFile(m_root + DeviceNodePath(bus, address), {});
+    for (size_t k = 0; k < video.size(); ++k) {
+        const std::string sys =
+            interface + "/video4linux/video" + std::to_string(firstVideo + static_cast<int>(k));
+        MakeDirs(m_root + sys);
+        ::symlink(VideoDeviceLinkTarget(bus, port).c_str(), (m_root + sys + "/device").c_str());
+        WriteFile(m_root + (k == 0 ? where.videoNode : where.metadataNode), {});
+    }
     {
         std::lock_guard<std::mutex> lock(camera.m_whereMutex);
         if (camera.m_node) camera.m_oldNodes.push_back(camera.m_node);
@@ -387,15 +414,10 @@ void Testbed::AddCameraNodes(Camera& camera, int address, bool driverBound) {
         camera.m_videoNodes.insert(camera.m_videoNodes.end(), video.begin(), video.end());
     }
     camera.Refresh();  // the gates and the driver link, before anything is announced
-    AddUsbDevice(bus, port, address, CameraDescriptors(), camera.m_serial);
+    AddText(UmockdevDeviceText(bus, port, address, CameraDescriptors(), camera.m_serial));
     AddText(UmockdevInterfaceText(bus, port, driverBound));
     for (size_t k = 0; k < video.size(); ++k) {
-        const int index = firstVideo + static_cast<int>(k);
-        const std::string sys = interface + "/video4linux/video" + std::to_string(index);
-        MakeDirs(m_root + sys);
-        ::symlink(VideoDeviceLinkTarget(bus, port).c_str(), (m_root + sys + "/device").c_str());
-        WriteFile(m_root + "/dev/video" + std::to_string(index), {});
-        AddText(UmockdevVideoText(bus, port, index, k == 1));
+        AddText(UmockdevVideoText(bus, port, firstVideo + static_cast<int>(k), k == 1));
     }
 }
 
