@@ -196,9 +196,14 @@ void tarvik_close(tarvik_camera* camera) {
     delete camera;
 }
 
+// Also while the camera is gone: which camera the object is stays known.
 int tarvik_describe(tarvik_camera* camera, tarvik_camera_info* info, tarvik_transport* transport) {
-    return on_camera(camera, info != nullptr && transport != nullptr, [&](TarvikImpl& t) {
-        const tarvik::TarvikPrivate& p = t.Private();
+    if (camera == nullptr || info == nullptr || transport == nullptr) {
+        return TARVIK_E_INVALID_ARGUMENT;
+    }
+    std::shared_lock<std::shared_mutex> lock(camera->swap);
+    try {
+        const tarvik::TarvikPrivate& p = camera->impl->Private();
         *info = tarvik_camera_info{};
         info->bus = p.bus;
         info->address = p.address;
@@ -212,8 +217,10 @@ int tarvik_describe(tarvik_camera* camera, tarvik_camera_info* info, tarvik_tran
             if (now) node = tarvik::capture_node(*now);
         }
         copy_text(node, info->video_node);
-        return HRESULT{0};
-    });
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return TARVIK_E_NO_MEMORY;
+    }
 }
 
 int tarvik_read_product_type(tarvik_camera* camera, int* type) {

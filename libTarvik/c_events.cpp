@@ -90,11 +90,14 @@ void try_reopen(tarvik_camera& c) {
     queue_event(c, TARVIK_EVENT_CAMERA_BACK, rewritten);
 }
 
-// Polling starts with the first wait, dispatch or descriptor asked for.
+// Polling, and listening to udev, start with the first wait, dispatch or
+// descriptor asked for; a camera that left before that may be back already.
 void start_polling(tarvik_camera& c) {
     if (c.polling) return;
     c.polling = true;
+    c.watch.StartMonitor();
     c.watch.SetPollInterval(c.pollMs);
+    if (c.gone) try_reopen(c);
 }
 
 int dispatch(tarvik_camera& c) {

@@ -52,6 +52,11 @@ bool CameraWatch::Start() {
         !watch(m_epoll, m_cancel)) {
         return false;
     }
+    return true;
+}
+
+bool CameraWatch::StartMonitor() {
+    if (m_monitor != nullptr) return true;
     // Hot-plug from udev's own events (after its rules ran, so nodes have their
     // owners); a machine without udev only misses the camera coming back.
     m_udev = udev_new();
@@ -63,7 +68,7 @@ bool CameraWatch::Start() {
             watch(m_epoll, udev_monitor_get_fd(m_monitor));
         }
     }
-    return true;
+    return m_monitor != nullptr;
 }
 
 void CameraWatch::SetPollInterval(unsigned intervalMs) {
@@ -101,7 +106,8 @@ CameraWatch::Due CameraWatch::Take() {
 }
 
 void CameraWatch::TakeChanges(std::vector<DeviceChange>& out) {
-    while (udev_device* dev = udev_monitor_receive_device(m_monitor)) {
+    while (udev_device* dev = m_monitor != nullptr ? udev_monitor_receive_device(m_monitor)
+                                                   : nullptr) {
         const std::string action = text_or_empty(udev_device_get_action(dev));
         const bool video = std::strcmp(text_or_empty(udev_device_get_subsystem(dev)),
                                        "video4linux") == 0;

@@ -32,6 +32,9 @@ public:
 
     // Makes the descriptors; false (errno set) when one cannot be made.
     bool Start();
+    // Listens to udev from now on (a program that never waits is not sent
+    // every uevent); false when udev cannot be listened to.
+    bool StartMonitor();
     int Fd() const { return m_epoll; }
 
     // Polls every `intervalMs` from now on; 0 stops polling.

@@ -2,7 +2,11 @@
 // camera, checked by the bytes on the wire and the lines on standard output.
 #pragma once
 
+#include <dirent.h>
 #include <libusb.h>
+#include <unistd.h>
+
+#include <cstring>
 
 #include <chrono>
 #include <functional>
@@ -57,6 +61,24 @@ inline testing::AssertionResult IsSetCur(const sim::Transfer& t, int selector, c
 
 inline testing::AssertionResult IsGetCur(const sim::Transfer& t, int selector, int length) {
     return IsRequest(t, 0xA1, 0x81, selector, length);
+}
+
+// Open descriptors but sockets. The library and libusb open none; the
+// emulation's worker thread closes its end of a device node's socket some
+// time after the node is closed, which no test must wait for.
+inline std::vector<std::string> OpenDescriptors() {
+    std::vector<std::string> open;
+    DIR* d = opendir("/proc/self/fd");
+    while (const dirent* e = readdir(d)) {
+        char target[256] = {};
+        const std::string path = std::string("/proc/self/fd/") + e->d_name;
+        if (e->d_name[0] != '.' && readlink(path.c_str(), target, sizeof target - 1) > 0 &&
+            std::strncmp(target, "socket:", 7) != 0 && path != "/proc/self/fd/" + std::to_string(dirfd(d))) {
+            open.push_back(std::string(e->d_name) + " " + target);
+        }
+    }
+    closedir(d);
+    return open;
 }
 
 // One simulated camera on bus 1, address 2, reached through the transport of

@@ -67,24 +67,6 @@ TEST(Threads, CardReadsOnSeveralCameras) {
     quiet.Take();
 }
 
-// Open descriptors but sockets. The library and libusb open none; the
-// emulation's worker thread closes its end of a device node's socket some
-// time after the node is closed, which no test must wait for.
-std::vector<std::string> OpenDescriptors() {
-    std::vector<std::string> open;
-    DIR* d = opendir("/proc/self/fd");
-    while (const dirent* e = readdir(d)) {
-        char target[256] = {};
-        const std::string path = std::string("/proc/self/fd/") + e->d_name;
-        if (e->d_name[0] != '.' && readlink(path.c_str(), target, sizeof target - 1) > 0 &&
-            std::strncmp(target, "socket:", 7) != 0 && path != "/proc/self/fd/" + std::to_string(dirfd(d))) {
-            open.push_back(std::string(e->d_name) + " " + target);
-        }
-    }
-    closedir(d);
-    return open;
-}
-
 // Objects made and released, by the library and on an adopted handle, with
 // reads among them and on a camera gone away, leave no descriptor behind
 // (LeakSanitizer checks the heap in the ASan build).
