@@ -82,7 +82,11 @@ void try_reopen(tarvik_camera& c) {
             target.bus = it->bus;
             target.address = it->address;
         }
-        if (open_camera(*c.impl, target, InUse::kRefuse) != 0) return;  // a later uevent tries again
+        if (const int r = open_camera(*c.impl, target, InUse::kRefuse); r != 0) {
+            TLOG_DEBUG("libTarvik: the camera is there again but does not open yet (%s).\n",
+                       tarvik_result_name(r));
+            return;  // a later uevent tries again
+        }
         c.presence.Forget();
         if (c.reapply) rewritten = write_settings_again(c);
         c.gone = false;
@@ -106,6 +110,8 @@ int dispatch(tarvik_camera& c) {
     const CameraWatch::Due due = c.watch.Take();
     if (due.cancelled) c.cancelled = true;
     for (const DeviceChange& d : due.changes) {
+        TLOG_DEBUG("libTarvik: uevent %s %s %s.\n", d.added ? "add" : "remove",
+                   d.videoNode ? "video4linux" : "usb", d.port.c_str());
         if (!c.gone && leaving(c, d)) mark_gone(c);
         if (c.gone && arriving(c, d)) try_reopen(c);
     }

@@ -1,8 +1,6 @@
 # End-to-end cases of tarvikctl: the real binary under tarvik-sim, checked by exit status,
 # standard output and standard error. Run with -DCASE=<name> -DSIM=<tarvik-sim>
 # -DTOOL=<tarvikctl> -DCARD=<card file> -DWORK=<scratch directory> -DSOURCE=<source tree>.
-# A case that needs a simulator option this tarvik-sim lacks prints "PENDING: ..." and
-# stops; the test is then reported as skipped.
 cmake_minimum_required(VERSION 3.25)
 
 set(SIM_ARGS "")
@@ -477,6 +475,44 @@ elseif(CASE STREQUAL "hostile")
   tool(0 --log /dev/full get roi)
   expect_err("tarvikctl: --log /dev/full: cannot write: No space left on device; further log lines are dropped\n")
   expect_out("100 200 640 480\n")
+
+elseif(CASE STREQUAL "watch")
+  # A day at the kiosk, scripted: the card placed (the simulator starts with one), lifted,
+  # the camera unplugged and back, a card placed again: every event, in order, with rising
+  # numbers and the cards' names. Then two watchers on the kernel path: both see every card.
+  # (The emulation hands uevents to one process only, so only one watches the unplug.)
+  file(WRITE ${WORK}/day "at 400 remove-card\nat 800 unplug\nat 1200 replug\nat 1600 place-card\n")
+  set(SIM_ARGS --script ${WORK}/day)
+  # Lines until the fifth event (20 s at the most), then an interrupt ends the watch.
+  set(until_five "i=0\n while [ $(cat ${WORK}/*.out | wc -l) -lt 5 ] && [ $i -lt 200 ]\n do sleep 0.1\n i=$((i+1))\n done")
+  shell(0 "true
+    $T watch --card --json --interval 50 >${WORK}/day.out & a=$!
+    ${until_five}
+    kill -INT $a
+    wait $a")
+  set(one "\"ok\":true,\"result\":0,\"event\"")
+  set(placed "\"card-placed\",\"sequence\":[15],[^\n]*\"name\":\"张三\"[^\n]*}\n")
+  string(JOIN "" day "^{${one}:${placed}"
+          "{${one}:\"card-removed\",\"sequence\":2,[^\n]*}\n"
+          "{${one}:\"camera-gone\",\"sequence\":3,[^\n]*}\n"
+          "{${one}:\"camera-back\",\"sequence\":4,[^\n]*\"settings_result\":0,[^\n]*}\n"
+          "{${one}:${placed}$")
+  file(READ ${WORK}/day.out OUT)
+  expect_match(OUT "${day}")
+
+  file(WRITE ${WORK}/cards "at 400 remove-card\nat 800 place-card\n")
+  set(SIM_ARGS --script ${WORK}/cards)
+  string(REPLACE "*.out | wc -l) -lt 5" "w*.out | wc -l) -lt 6" until_six "${until_five}")
+  shell(0 "true
+    $T --transport kernel watch --json --interval 50 >${WORK}/w1.out & a=$!
+    $T --transport kernel watch --json --interval 50 >${WORK}/w2.out & b=$!
+    ${until_six}
+    kill -INT $a $b
+    wait $a && wait $b")
+  foreach(w w1.out w2.out)
+    file(READ ${WORK}/${w} OUT)
+    expect_match(OUT "^[^\n]*\"card-placed\",\"sequence\":1,[^\n]*\n[^\n]*\"card-removed\",\"sequence\":2,[^\n]*\n[^\n]*\"card-placed\",\"sequence\":3,[^\n]*\n$")
+  endforeach()
 
 elseif(CASE STREQUAL "faults")
   set(SIM_ARGS --unplug-after-transfers 1)
