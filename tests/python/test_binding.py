@@ -3,6 +3,7 @@
 import datetime
 import logging
 import os
+import threading
 
 import pytest
 
@@ -90,6 +91,14 @@ def test_hostile_inputs(cam, call, error):
     with pytest.raises(error):
         call(cam)
     assert (cam.roi, cam.device_id, cam.mjpeg_qp) == before
+
+
+def test_events_and_a_cancel_from_another_thread(cam):
+    assert cam.fileno() >= 0
+    first = next(cam.events(timeout=5))
+    assert (first.kind, first.sequence) == ("card-placed", 1)
+    threading.Timer(0.05, cam.cancel).start()
+    assert list(cam.events()) == []  # no more changes: only the cancel ends it
 
 
 def test_reprs_say_which_camera_and_hide_the_holder(cam):
