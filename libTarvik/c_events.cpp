@@ -41,9 +41,13 @@ bool leaving(const tarvik_camera& c, const DeviceChange& d) {
     return !d.added && !d.videoNode && d.port == c.impl->Private().port;
 }
 
+// On the kernel path the camera is there for us once its video node is: the
+// USB device comes first, its nodes after it.
 bool arriving(const tarvik_camera& c, const DeviceChange& d) {
     const std::string& serial = c.impl->Private().serial;
-    return d.added && (serial.empty() ? d.port == c.impl->Private().port : d.serial == serial);
+    const bool whole = d.videoNode == (c.target.choice == Choice::kKernel);
+    return d.added && whole &&
+           (serial.empty() ? d.port == c.impl->Private().port : d.serial == serial);
 }
 
 // Writes again, in the order first written, what the object wrote before the

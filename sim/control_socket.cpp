@@ -12,6 +12,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "owned_fd.h"
+
 namespace tarvik::sim {
 
 namespace {
@@ -32,20 +34,6 @@ sockaddr_un Address(const std::string& path) {
 std::runtime_error SystemError(const std::string& what) {
     return std::runtime_error(what + ": " + std::strerror(errno));
 }
-
-class Fd {
-public:
-    explicit Fd(int fd) : m_fd(fd) {}
-    ~Fd() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
 
 // Reads until the peer stops writing, at most `limit` bytes (one more tells that it was more)
 // and, when `deadlineMs` is not negative, within that time. False when time ran out or reading
@@ -118,7 +106,7 @@ ControlServer::~ControlServer() {
 
 void ControlServer::ServeOne(
     const std::function<ControlAnswer(const std::vector<std::string>&)>& handle) {
-    const Fd client(::accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    const OwnedFd client(::accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (client.get() < 0) return;
     std::string request;
     ControlAnswer answer;
@@ -136,7 +124,7 @@ void ControlServer::ServeOne(
 
 ControlAnswer SendControlRequest(const std::string& path, const std::vector<std::string>& words) {
     const sockaddr_un a = Address(path);
-    const Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const OwnedFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (fd.get() < 0) throw SystemError("socket");
     if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0) {
         throw SystemError("cannot reach the simulator at " + path);

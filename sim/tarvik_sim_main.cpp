@@ -35,6 +35,7 @@
 #include "control_socket.h"
 #include "gyro_tilt.h"
 #include "launcher_options.h"
+#include "owned_fd.h"
 #include "testbed.h"
 
 namespace {
@@ -94,20 +95,6 @@ public:
 private:
     static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
     struct sigaction m_old[std::size(kSignals)]{};
-};
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
 };
 
 CameraState InitialState(const LaunchOptions& o, const CameraSpec& spec) {
@@ -285,10 +272,10 @@ void RunScriptLine(Testbed& bed, const ScriptLine& line) {
 // Waits for CMD, unplugging cameras as they go (a fault or --unplug-after-transfers, told
 // through `gone`) or when --unplug-after's time is up, serving control requests and running
 // the script's lines when they are due.
-int Wait(pid_t child, Testbed& bed, const Descriptor& gone, ControlServer& control,
+int Wait(pid_t child, Testbed& bed, const OwnedFd& gone, ControlServer& control,
          std::optional<double> unplugAfter, const std::vector<ScriptLine>& script) {
     using Clock = std::chrono::steady_clock;
-    const Descriptor exited(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
+    const OwnedFd exited(static_cast<int>(::syscall(SYS_pidfd_open, child, 0)));
     const auto start = Clock::now();
     bool timerDone = !unplugAfter.has_value();
     size_t next = 0;  // the script's next line
@@ -352,7 +339,7 @@ int Run(const LaunchOptions& o) {
         o.script.empty() ? std::vector<ScriptLine>{} : LoadControlScript(o.script);
     const SignalsToChild signals;  // first: it goes after the testbed is taken down
     Testbed bed;
-    const Descriptor gone(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    const OwnedFd gone(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     bed.SetGoneListener([fd = gone.get()](Camera&) {
         const uint64_t one = 1;
         (void)!::write(fd, &one, sizeof one);
