@@ -128,6 +128,9 @@ expect(STATUS 0 COMMAND ${S} run --unplug-after 0.2 -- sh -c "${UNTIL_GONE}")
 expect(STATUS 0 ERR "/dev/bus/usb/001/002: Permission denied\n.*/dev/video0: Permission denied"
   COMMAND ${S} run --deny-access -- sh -c "! cat /dev/bus/usb/001/002 && ! cat /dev/video0")
 
+# Another card, for the run-time controls below.
+file(WRITE ${WORK}/cards/other.json "{\"name\": \"李四\"}")
+
 # No card in the SAM: the library reports its failure code for the SAM's status 0x80.
 if(TARVIKCTL)
   expect(STATUS 1 ERR "answered 17" COMMAND ${S} run --no-card -- ${TARVIKCTL} --quiet idcard)
@@ -164,7 +167,6 @@ expect(STATUS 2 ERR "TARVIK_SIM_CONTROL is not set" COMMAND ${CMAKE_COMMAND} -E 
 
 # --script: the commands at their times after the program started; a relative card file is
 # taken from the script's folder. A bad script is refused before the program starts.
-file(WRITE ${WORK}/cards/other.json "{\"name\": \"李四\"}")
 file(WRITE ${WORK}/timeline.txt "# the card goes, the camera goes and comes back with another\n"
   "at 0 remove-card\nat 100 unplug  # pulled\n\nat 200 replug\nat 250 place-card cards/other.json\n")
 expect(STATUS 0 OUT "^0 bus=1 address=3 ${CAM} plugged card video=/dev/video2\n$"
