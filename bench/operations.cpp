@@ -163,6 +163,8 @@ const std::vector<Operation>& Operations() {
     return ops;
 }
 
+Frame SamRequest(std::uint8_t command) { return readRequest(EXT_ITEM_SAM, command); }
+
 unsigned MinimumTransfers(Kind kind, unsigned samPacketLength) {
     switch (kind) {
         case Kind::kRead:

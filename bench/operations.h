@@ -40,6 +40,10 @@ using FloorRequest = std::function<int(bool in, Frame& frame)>;
 FloorRequest UsbFloor(libusb_device_handle* handle);
 FloorRequest KernelFloor(int fd);
 
+// The request frame of SAM command `command` (a read of the SAM item), as the
+// library sends it.
+Frame SamRequest(std::uint8_t command);
+
 // The least number of control transfers the exchange takes: a read 2, a write
 // 1, a SAM packet of `samPacketLength` (T) bytes 2 + ceil((T - 52) / 52).
 unsigned MinimumTransfers(Kind kind, unsigned samPacketLength = 0);

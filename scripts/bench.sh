@@ -7,7 +7,10 @@
 #      simulated camera, on both paths (libusb, and the video driver's
 #      UVCIOC_CTRL_QUERY), with the ratio library/floor and each operation's
 #      request count against the minimum;
-#   3. the library's instructions per operation under callgrind, libusb excluded.
+#   3. waiting for cards through the C interface, on both paths, against a bare
+#      timerfd loop of the same SAM command-0 exchanges at the same interval:
+#      CPU with no card, PlaceCard() to card-placed, Replug() to camera-back;
+#   4. the library's instructions per operation under callgrind, libusb excluded.
 # Full outputs are kept in build/bench/results/.
 #   scripts/bench.sh           everything (a few minutes on 2 cores)
 #   scripts/bench.sh --quick   shorter runs, for a smoke test
@@ -38,15 +41,15 @@ fi
 build=build/bench
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVIK_BUILD_BENCH=ON \
   -DTARVIK_BUILD_TESTS=OFF -DTARVIK_BUILD_TOOLS=OFF -DTARVIK_BUILD_FUZZ=OFF >/dev/null
-cmake --build "$build" --target tarvik_bench_pure tarvik_bench_device tarvik_bench_instructions \
-  tarvik-sim >/dev/null
+cmake --build "$build" --target tarvik_bench_pure tarvik_bench_device tarvik_bench_waiting \
+  tarvik_bench_instructions tarvik-sim >/dev/null
 results="$build/results"
 mkdir -p "$results"
 
 if [ $quick -eq 1 ]; then
-  pure_time=0.05 device_time=0.05 device_reps=1 iterations=10
+  pure_time=0.05 device_time=0.05 device_reps=1 iterations=10 waiting=--quick
 else
-  pure_time=0.2 device_time=0.3 device_reps=3 iterations=100
+  pure_time=0.2 device_time=0.3 device_reps=3 iterations=100 waiting=
 fi
 
 echo "== machine"
@@ -72,6 +75,11 @@ umockdev-wrapper "$build/bench/tarvik_bench_device" --benchmark_min_time="$devic
   --benchmark_out="$results/device.json" --benchmark_out_format=json >"$results/device.txt" \
   2>"$results/device.err"
 sed -n '/^Library against/,$p' "$results/device.txt"
+
+echo
+echo "== waiting for cards: the library against a bare loop of command-0 polls, both paths"
+umockdev-wrapper "$build/bench/tarvik_bench_waiting" $waiting 2>"$results/waiting.err" \
+  | tee "$results/waiting.txt"
 
 echo
 echo "== library instructions per operation (callgrind; libusb and the emulation excluded)"
