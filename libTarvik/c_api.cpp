@@ -178,10 +178,9 @@ int tarvik_open(const tarvik_open_options* options, tarvik_camera** camera) {
         tarvik::say_opened(r);
         if (r != 0) return r;
         if (!c->watch.Start()) return TARVIK_LIBUSB_ERROR_OTHER;
-        // Found again after an unplug by its serial (or its port), on the same path.
+        // Found again after an unplug by its port and serial, on the same path.
         const tarvik::TarvikPrivate& p = c->impl->Private();
         c->target = tarvik::CameraTarget{};
-        if (!p.serial.empty()) c->target.serial = p.serial;
         c->target.choice = p.videoNode.empty() ? tarvik::Choice::kUsb : tarvik::Choice::kKernel;
         c->reapply = (o.flags & TARVIK_OPEN_REAPPLY) != 0;
         *camera = c.release();

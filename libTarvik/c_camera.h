@@ -23,7 +23,7 @@
 
 struct tarvik_camera {
     std::unique_ptr<TarvikImpl> impl;
-    tarvik::CameraTarget target;  // how to find it again: its serial or port, its path
+    tarvik::CameraTarget target;  // the path to open it on again (its port and serial say where)
     bool reapply = false;         // write the settings again when it comes back
 
     std::shared_mutex swap;

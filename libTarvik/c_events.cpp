@@ -76,16 +76,23 @@ void try_reopen(tarvik_camera& c) {
     {
         std::unique_lock<std::shared_mutex> lock(c.swap);
         if (!c.gone) return;
-        CameraTarget target = c.target;
-        if (!target.serial) {  // no serial: the camera in the same port
-            const std::string& port = c.impl->Private().port;
-            const std::vector<UsbCamera> all = find_cameras();
-            const auto it = std::find_if(all.begin(), all.end(),
-                                         [&](const UsbCamera& u) { return u.name == port; });
-            if (it == all.end()) return;
-            target.bus = it->bus;
-            target.address = it->address;
+        // The camera in the same port first (two cameras may show one serial), else
+        // the one with its serial anywhere; without a serial, only the same port.
+        const std::string& port = c.impl->Private().port;
+        const std::string& serial = c.impl->Private().serial;
+        const std::vector<UsbCamera> all = find_cameras();
+        auto it = std::find_if(all.begin(), all.end(), [&](const UsbCamera& u) {
+            return u.name == port && (serial.empty() || u.serial == serial);
+        });
+        if (it == all.end() && !serial.empty()) {
+            it = std::find_if(all.begin(), all.end(),
+                              [&](const UsbCamera& u) { return u.serial == serial; });
         }
+        if (it == all.end()) return;
+        CameraTarget target = c.target;
+        target.serial.reset();
+        target.bus = it->bus;
+        target.address = it->address;
         if (const int r = open_camera(*c.impl, target, InUse::kRefuse); r != 0) {
             TLOG_DEBUG("libTarvik: the camera is there again but does not open yet (%s).\n",
                        tarvik_result_name(r));
