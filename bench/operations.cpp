@@ -219,4 +219,21 @@ int FloorExchange(const FloorRequest& request, const Operation& op) {
     return LIBUSB_ERROR_INVALID_PARAM;
 }
 
+// The floor's camera on the USB path, opened by bus and address, its driver detached.
+libusb_device_handle* OpenFloorCamera(libusb_context* ctx, int bus, int address) {
+    libusb_device** list = nullptr;
+    libusb_device_handle* h = nullptr;
+    const ssize_t n = libusb_get_device_list(ctx, &list);
+    for (ssize_t i = 0; i < n && h == nullptr; ++i) {
+        if (libusb_get_bus_number(list[i]) == bus &&
+            libusb_get_device_address(list[i]) == address && libusb_open(list[i], &h) != 0) {
+            h = nullptr;
+        }
+    }
+    libusb_free_device_list(list, 1);
+    if (h != nullptr && libusb_kernel_driver_active(h, 0) == 1) libusb_detach_kernel_driver(h, 0);
+    if (h != nullptr) libusb_claim_interface(h, 0);
+    return h;
+}
+
 }  // namespace tarvik::bench

@@ -55,4 +55,8 @@ unsigned SamPacketLength(const std::uint8_t* firstAnswer);
 // built by hand. Returns the number of requests made, or a negative libusb code.
 int FloorExchange(const FloorRequest& request, const Operation& op);
 
+// The floor's camera on the USB path, opened by bus and address, its driver
+// detached and its interface claimed; null when it cannot be opened.
+libusb_device_handle* OpenFloorCamera(libusb_context* ctx, int bus, int address);
+
 }  // namespace tarvik::bench

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "../libTarvik/sam_packet.h"
+#include "sam_packet.h"
 #include "IDCardData.h"
 #include "TarvikImpl.h"
 #include "camera_state.h"

@@ -417,23 +417,6 @@ BackResult MeasureBack(Path& p, int repetitions, const std::function<void()>& ot
     return out;
 }
 
-// The floor's camera on the USB path, opened by bus and address, its driver detached.
-libusb_device_handle* OpenFloorCamera(libusb_context* ctx, int bus, int address) {
-    libusb_device** list = nullptr;
-    libusb_device_handle* h = nullptr;
-    const ssize_t n = libusb_get_device_list(ctx, &list);
-    for (ssize_t i = 0; i < n && h == nullptr; ++i) {
-        if (libusb_get_bus_number(list[i]) == bus &&
-            libusb_get_device_address(list[i]) == address && libusb_open(list[i], &h) != 0) {
-            h = nullptr;
-        }
-    }
-    libusb_free_device_list(list, 1);
-    if (h != nullptr && libusb_kernel_driver_active(h, 0) == 1) libusb_detach_kernel_driver(h, 0);
-    if (h != nullptr) libusb_claim_interface(h, 0);
-    return h;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -462,7 +445,7 @@ int main(int argc, char** argv) {
 
     libusb_context* ctx = nullptr;
     libusb_device_handle* floorHandle = nullptr;
-    if (libusb_init(&ctx) != 0 || (floorHandle = OpenFloorCamera(ctx, 2, 3)) == nullptr) {
+    if (libusb_init(&ctx) != 0 || (floorHandle = tarvik::bench::OpenFloorCamera(ctx, 2, 3)) == nullptr) {
         std::fprintf(stderr, "tarvik_bench_waiting: cannot open the floor's camera\n");
         return 1;
     }

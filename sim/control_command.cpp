@@ -5,7 +5,7 @@
 #include <stdexcept>
 
 #include "card_file.h"
-#include "fault_spec.h"
+#include "fault_syntax.h"
 #include "gyro_tilt.h"
 #include "launcher_options.h"
 

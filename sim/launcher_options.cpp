@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <tuple>
 
-#include "fault_spec.h"
+#include "fault_syntax.h"
 
 namespace tarvik::sim {
 

@@ -15,7 +15,7 @@
 
 #include "camera_port.h"
 #include "card_file.h"
-#include "fault_spec.h"
+#include "fault_syntax.h"
 #include "gyro_tilt.h"
 #include "usb_descriptors.h"
 #include "usb_device_node.h"

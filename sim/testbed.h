@@ -133,7 +133,7 @@ public:
     // std::invalid_argument for a tilt no sample gives (see gyro_tilt.h).
     void SetTilt(int pitch, int roll);
 
-    // A fault for the rest of the run, named as tarvik-sim's --fault names it (fault_spec.h:
+    // A fault for the rest of the run, named as tarvik-sim's --fault names it (fault_syntax.h:
     // "stall", "timeout:5", ...); "none" drops every fault injected so far. Throws
     // std::invalid_argument for a bad name.
     void InjectFault(const std::string& spec);

@@ -1,4 +1,4 @@
-#include "fault_spec.h"
+#include "fault_syntax.h"
 
 #include <cerrno>
 #include <climits>
