@@ -2,10 +2,12 @@
 # A day at the kiosk for the program given (under tarvik-sim run): each step of the
 # simulator waits for the program's line about the last, then an interrupt ends it.
 #   kiosk_day.sh TARVIK-SIM PROGRAM ARGS...
+# KIOSK_PRELOAD goes before the program's preloads (a sanitizer's runtime for an
+# interpreter), not into the shell's.
 sim=$1
 shift
 out=$(mktemp)
-"$@" >"$out" 2>&1 &
+LD_PRELOAD="${KIOSK_PRELOAD:+$KIOSK_PRELOAD }$LD_PRELOAD" "$@" >"$out" 2>&1 &
 program=$!
 # waits (20 s at the most) for a line that starts with "#N "
 saw() {
