@@ -30,16 +30,6 @@ constexpr VerbName kVerbs[] = {
     {ControlCommand::Verb::kStatus, "status", 0, 0},
 };
 
-long Number(const std::string& text, const std::string& what, long low, long high) {
-    char* end = nullptr;
-    errno = 0;
-    const long v = std::strtol(text.c_str(), &end, 10);
-    if (errno != 0 || text.empty() || *end != '\0' || v < low || v > high) {
-        throw UsageError("bad " + what + ": " + text);
-    }
-    return v;
-}
-
 void Check(ControlCommand& c, const std::vector<std::string>& args, const std::string& folder) {
     switch (c.verb) {
         case ControlCommand::Verb::kPlaceCard:
@@ -54,8 +44,8 @@ void Check(ControlCommand& c, const std::vector<std::string>& args, const std::s
             }
             return;
         case ControlCommand::Verb::kTilt:
-            c.pitch = static_cast<int>(Number(args[0], "tilt pitch (-90 to 90)", -90, 90));
-            c.roll = static_cast<int>(Number(args[1], "tilt roll (-90 to 90)", -90, 90));
+            c.pitch = ParseInteger(args[0], "tilt pitch (-90 to 90)", -90, 90);
+            c.roll = ParseInteger(args[1], "tilt roll (-90 to 90)", -90, 90);
             if (!GyroSampleForTilt(c.pitch, c.roll)) {
                 throw UsageError("tilt " + args[0] + " " + args[1] +
                                  ": no sample gives it (|pitch| + |roll| below 90, or ±90 and 0)");
@@ -85,7 +75,7 @@ ControlCommand ParseControlCommand(const std::vector<std::string>& words,
         const bool valued = w == "--camera" || w == "--serial";
         if (valued && i + 1 == words.size()) throw UsageError(w + " needs a value");
         if (w == "--camera") {
-            c.camera = static_cast<size_t>(Number(words[++i], "--camera", 0, 255));
+            c.camera = static_cast<size_t>(ParseInteger(words[++i], "--camera", 0, 255));
         } else if (w == "--serial") {
             c.serial = words[++i];
             if (c.serial.empty()) throw UsageError("--serial needs a serial");

@@ -55,22 +55,12 @@ const char kLauncherUsage[] =
 
 namespace {
 
-int Integer(const std::string& text, const std::string& what, long low, long high) {
-    char* end = nullptr;
-    errno = 0;
-    const long v = std::strtol(text.c_str(), &end, 10);
-    if (errno != 0 || text.empty() || *end != '\0' || v < low || v > high) {
-        throw UsageError("bad " + what + ": " + text);
-    }
-    return static_cast<int>(v);
-}
-
 std::pair<int, int> Pair(const std::string& text, char sep, const std::string& what, long low,
                          long high) {
     const size_t mid = text.find(sep);
     if (mid == std::string::npos) throw UsageError("bad " + what + ": " + text);
-    return {Integer(text.substr(0, mid), what, low, high),
-            Integer(text.substr(mid + 1), what, low, high)};
+    return {ParseInteger(text.substr(0, mid), what, low, high),
+            ParseInteger(text.substr(mid + 1), what, low, high)};
 }
 
 // B:A[,card=FILE][,serial=SN]
@@ -148,11 +138,11 @@ LaunchOptions ParseLaunchOptions(const std::vector<std::string>& args) {
             o.action = LaunchOptions::Action::kHelp;
             return o;
         } else if (arg == "--cameras") {
-            cameras = Integer(value(arg), arg, 0, 32);
+            cameras = ParseInteger(value(arg), arg, 0, 32);
         } else if (arg == "--bus") {
-            bus = Integer(value(arg), arg, 1, 255);
+            bus = ParseInteger(value(arg), arg, 1, 255);
         } else if (arg == "--address") {
-            address = Integer(value(arg), arg, 1, 255);
+            address = ParseInteger(value(arg), arg, 1, 255);
         } else if (arg == "--camera") {
             o.cameras.push_back(Camera(value(arg)));
         } else if (arg == "--other-device") {
@@ -180,7 +170,7 @@ LaunchOptions ParseLaunchOptions(const std::vector<std::string>& args) {
         } else if (arg == "--script") {
             o.script = value(arg);
         } else if (arg == "--unplug-after-transfers") {
-            o.unplugAfterTransfers = Integer(value(arg), arg, 0, INT_MAX - 1);
+            o.unplugAfterTransfers = ParseInteger(value(arg), arg, 0, INT_MAX - 1);
         } else {
             throw UsageError("unknown option " + arg);
         }
@@ -195,6 +185,16 @@ LaunchOptions ParseLaunchOptions(const std::vector<std::string>& args) {
         }
     }
     return o;
+}
+
+int ParseInteger(const std::string& text, const std::string& what, long low, long high) {
+    char* end = nullptr;
+    errno = 0;
+    const long v = std::strtol(text.c_str(), &end, 10);
+    if (errno != 0 || text.empty() || *end != '\0' || v < low || v > high) {
+        throw UsageError("bad " + what + ": " + text);
+    }
+    return static_cast<int>(v);
 }
 
 }  // namespace tarvik::sim

@@ -16,6 +16,10 @@ struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// A whole decimal number from `low` to `high` (within int). Throws UsageError
+// ("bad <what>: <text>").
+int ParseInteger(const std::string& text, const std::string& what, long low, long high);
+
 struct CameraSpec {
     int bus = 1;
     int address = 2;
