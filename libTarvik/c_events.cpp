@@ -249,9 +249,10 @@ int tarvik_get_fd(tarvik_camera* camera) {
 
 int tarvik_set_poll_interval(tarvik_camera* camera, unsigned intervalMs) {
     return tarvik::capi::with_camera(
-        camera, intervalMs >= tarvik::capi::kMinPollMs, [&](tarvik_camera& c) {
+        camera, intervalMs == 0 || intervalMs >= tarvik::capi::kMinPollMs, [&](tarvik_camera& c) {
             std::lock_guard<std::mutex> lock(c.dispatching);
             c.pollMs = intervalMs;
+            if (intervalMs == 0) c.presence.Forget();  // polls that start again tell of a card anew
             if (c.polling) c.watch.SetPollInterval(intervalMs);
             return 0;
         });

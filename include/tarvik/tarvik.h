@@ -281,7 +281,9 @@ typedef struct {
 /* The descriptor to wait on (readable when dispatch has work); it belongs to
  * the camera. Asking for it starts the card polls. */
 TARVIK_API int tarvik_get_fd(tarvik_camera* camera);
-/* The time between card polls: at least 50 ms, 250 ms by default. */
+/* The time between card polls: at least 50 ms, 250 ms by default; 0 stops
+ * the polls (the camera is still followed through unplugs), and a card that
+ * lies there when they start again is told of as placed. */
 TARVIK_API int tarvik_set_poll_interval(tarvik_camera* camera, unsigned interval_ms);
 /* Does what is due, without waiting; starts the card polls. */
 TARVIK_API int tarvik_dispatch(tarvik_camera* camera);
