@@ -1,6 +1,7 @@
 # cmake -DHELP2MAN=<help2man> -DTOOL=<built tool> -DTOOL_NAME=<name> -DDESCRIPTION=<text>
 #       -DINCLUDE=<file.h2m> -DVERSION=<project version> -DHELP_OPTIONS="--help|run --help"
-#       -DOUTPUT=<page.1> [-DCOMMANDS_SCRIPT=<man-commands.sh>] -P GenerateManPage.cmake
+#       [-DSECTION=<1 or 8>] -DOUTPUT=<page.N> [-DCOMMANDS_SCRIPT=<man-commands.sh>]
+#       -P GenerateManPage.cmake
 #
 # help2man reads a tool's help and version. Help: the first of HELP_OPTIONS that
 # the tool answers with exit status 0 and some text, on standard output (or, when
@@ -53,8 +54,16 @@ if(COMMANDS_SCRIPT)
   set(_commands_flag --include=${OUTPUT}.commands.h2m)
 endif()
 
+if(NOT SECTION)
+  set(SECTION 1)
+endif()
+if(SECTION STREQUAL "8")
+  set(_manual "System Administration")
+else()
+  set(_manual "User Commands")
+endif()
 execute_process(
-  COMMAND ${HELP2MAN} --no-info --section=1 "--manual=User Commands"
+  COMMAND ${HELP2MAN} --no-info --section=${SECTION} "--manual=${_manual}"
     "--source=libTarvik ${VERSION}" "--name=${DESCRIPTION}" ${_commands_flag} --include=${INCLUDE}
     "--help-option=${_help_option}" ${_stderr_flag} ${_version_flag}
     --output=${OUTPUT}.tmp ${TOOL}

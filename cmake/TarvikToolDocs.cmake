@@ -1,7 +1,7 @@
 # Man pages and shell completion, made at build time from the built tools, so
 # that they say what the tools do:
 #   tarvikctl(1), tarvik-sim(1)  help2man over each tool's --help, with a NAME
-#                                line and the extra sections of packaging/man/*.h2m;
+#   and tarvikd(8)               line and the extra sections of packaging/man/*.h2m;
 #   tarvikctl's bash completion  what 'tarvikctl --bash-completion' prints (the
 #                                tool walks its own command table).
 # TARVIK_MANPAGES: AUTO (when help2man is found), ON (required) or OFF.
@@ -45,17 +45,21 @@ if(NOT TARVIK_MANPAGES STREQUAL "OFF")
 endif()
 
 # tarvik_man_page(TOOL NAME <one-line description> INCLUDE <h2m file>
-#                 HELP_OPTIONS <option words> ... [SUBCOMMANDS])
+#                 HELP_OPTIONS <option words> ... [SECTION <n>] [SUBCOMMANDS])
 # HELP_OPTIONS are tried in order; the first the tool answers with help text and
 # exit status 0 is used (see cmake/GenerateManPage.cmake). SUBCOMMANDS adds the
-# help of every subcommand (cmake/man-commands.sh).
+# help of every subcommand (cmake/man-commands.sh). SECTION is 1 unless given
+# (8 for a system service).
 function(tarvik_man_page tool)
-  cmake_parse_arguments(PARSE_ARGV 1 arg "SUBCOMMANDS" "NAME;INCLUDE" "HELP_OPTIONS")
+  cmake_parse_arguments(PARSE_ARGV 1 arg "SUBCOMMANDS" "NAME;INCLUDE;SECTION" "HELP_OPTIONS")
   if(NOT TARGET ${tool} OR NOT _tarvik_help2man)
     return()
   endif()
+  if(NOT arg_SECTION)
+    set(arg_SECTION 1)
+  endif()
   string(JOIN "|" _help_options ${arg_HELP_OPTIONS})
-  set(_page ${_tarvik_docs_dir}/${tool}.1)
+  set(_page ${_tarvik_docs_dir}/${tool}.${arg_SECTION})
   set(_commands "")
   if(arg_SUBCOMMANDS)
     set(_commands -DCOMMANDS_SCRIPT=${PROJECT_SOURCE_DIR}/cmake/man-commands.sh)
@@ -63,13 +67,14 @@ function(tarvik_man_page tool)
   add_custom_command(OUTPUT ${_page}
     COMMAND ${CMAKE_COMMAND} -DHELP2MAN=${_tarvik_help2man} -DTOOL=$<TARGET_FILE:${tool}>
       -DTOOL_NAME=${tool} -DDESCRIPTION=${arg_NAME} -DINCLUDE=${arg_INCLUDE}
-      -DVERSION=${PROJECT_VERSION} -DHELP_OPTIONS=${_help_options} -DOUTPUT=${_page}
+      -DVERSION=${PROJECT_VERSION} -DHELP_OPTIONS=${_help_options} -DSECTION=${arg_SECTION}
+      -DOUTPUT=${_page}
       ${_commands} -P ${PROJECT_SOURCE_DIR}/cmake/GenerateManPage.cmake
     DEPENDS ${tool} ${arg_INCLUDE} ${PROJECT_SOURCE_DIR}/cmake/GenerateManPage.cmake
       ${PROJECT_SOURCE_DIR}/cmake/man-commands.sh
-    COMMENT "Man page ${tool}(1) from '${tool} --help'"
+    COMMENT "Man page ${tool}(${arg_SECTION}) from '${tool} --help'"
     VERBATIM)
-  install(FILES ${_page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES ${_page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man${arg_SECTION})
   set(_tarvik_docs ${_tarvik_docs} ${_page} PARENT_SCOPE)
 endfunction()
 
@@ -83,6 +88,11 @@ tarvik_man_page(tarvik-sim
   NAME "run a program with simulated dual-eye cameras"
   INCLUDE ${PROJECT_SOURCE_DIR}/packaging/man/tarvik-sim.h2m
   HELP_OPTIONS --help "run --help")
+tarvik_man_page(tarvikd
+  NAME "the dual-eye camera 0ac8:010c as a D-Bus system service"
+  INCLUDE ${PROJECT_SOURCE_DIR}/packaging/man/tarvikd.h2m
+  HELP_OPTIONS --help
+  SECTION 8)
 
 if(TARGET tarvikctl)
   set(_completion ${_tarvik_docs_dir}/tarvikctl.bash)
