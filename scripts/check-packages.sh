@@ -8,8 +8,12 @@
 #   - the examples build against the installed libtarvik-dev, with pkg-config and
 #     with CMake, and read the simulated camera's card through the installed
 #     library, run by the installed tarvik-sim; so do the installed tarvikctl
-#     and examples/read_card.py with the installed Python package.
-#   scripts/check-packages.sh            (KEEP=1 keeps the work directory)
+#     and examples/read_card.py with the installed Python package;
+#   - tarvikd's unit, bus, polkit and sysusers files where systemd, dbus-daemon
+#     and polkit read them, its user made when it is configured, and the
+#     installed tarvikd offering the simulated camera on a session bus.
+#   scripts/check-packages.sh    (KEEP=1 keeps the work directory; JOBS=N builds
+#                                 with N jobs, default all processors)
 # The copy holds the files git knows, committed or not, as they are in the work
 # tree (no build trees). Everything is made under a temporary directory.
 set -euo pipefail
@@ -68,7 +72,7 @@ pass "source package built; lintian: no errors"
 
 echo "building the packages (dpkg-buildpackage -b, log: $work/build.log)"
 start=$(date +%s)
-if ! (cd "$src" && dpkg-buildpackage -b -us -uc -j"$(nproc)") >"$work/build.log" 2>&1; then
+if ! (cd "$src" && dpkg-buildpackage -b -us -uc -j"${JOBS:-$(nproc)}") >"$work/build.log" 2>&1; then
     tail -40 "$work/build.log" >&2
     fail "dpkg-buildpackage"
 fi
@@ -76,12 +80,12 @@ debs=()
 for deb in "$work"/*.deb; do
     case $deb in *-dbgsym_*) ;; *) debs+=("$deb") ;; esac
 done
-[ ${#debs[@]} -eq 4 ] || fail "expected 4 packages, got: ${debs[*]##*/}"
+[ ${#debs[@]} -eq 5 ] || fail "expected 5 packages, got: ${debs[*]##*/}"
 for deb in "${debs[@]}"; do
     version=$(dpkg-deb -f "$deb" Version)
     [ "${version%-*}" = "$project_version" ] || fail "${deb##*/} has version $version"
 done
-pass "4 packages built in $(($(date +%s) - start)) s: $(printf '%s ' "${debs[@]##*/}")"
+pass "5 packages built in $(($(date +%s) - start)) s: $(printf '%s ' "${debs[@]##*/}")"
 
 # --- lintian: no error; warnings and notes are shown ---
 lintian_out=$(lintian --fail-on error --display-info --tag-display-limit 0 "$work"/*.changes 2>&1) ||
@@ -101,20 +105,33 @@ fi
 dpkg-deb -I "$work"/libtarvik1_*.deb symbols | grep -q '^ zq_CreateTarvik@Base ' ||
     fail "libtarvik1 carries no symbols file"
 grep -A20 'dpkg-gensymbols: warning: some new symbols' "$work/build.log" >&2 || true
-for elf in "$root"/usr/bin/tarvikctl "$root"/usr/bin/tarvik-sim "$libdir"/libTarvik.so.1.*; do
+for elf in "$root"/usr/bin/tarvikctl "$root"/usr/bin/tarvik-sim "$root"/usr/sbin/tarvikd \
+    "$libdir"/libTarvik.so.1.*; do
     if readelf -d "$elf" | grep -qE 'RPATH|RUNPATH'; then fail "${elf#"$root"} has an RPATH"; fi
 done
-pass "no RPATH in the packaged library and tools"
+pass "no RPATH in the packaged library, tools and service"
 
 rules=$root/usr/lib/udev/rules.d/70-tarvik.rules
-if [ "$(stat -c %a "$rules")" != 644 ] || ! grep -q 'TAG+="uaccess"' "$rules"; then
+if [ "$(stat -c %a "$rules")" != 644 ] || ! grep -q 'TAG+="uaccess"' "$rules" ||
+    ! grep -q 'ENV{SYSTEMD_WANTS}+="tarvikd.service"' "$rules"; then
     fail "udev rule in /usr/lib/udev/rules.d"
 fi
 pass "udev rule in /usr/lib/udev/rules.d, mode 644"
 
+# --- tarvikd: its files where systemd, dbus-daemon and polkit read them ---
+for f in lib/systemd/system/tarvikd.service usr/lib/sysusers.d/tarvikd.conf \
+    usr/share/dbus-1/system.d/org.tarvik.Tarvik1.conf \
+    usr/share/dbus-1/system-services/org.tarvik.Tarvik1.service \
+    usr/share/polkit-1/actions/org.tarvik.tarvik1.policy usr/share/polkit-1/rules.d/50-tarvik.rules; do
+    [ "$(stat -c %a "$root/$f" 2>/dev/null)" = 644 ] || fail "tarvikd: /$f missing or not mode 644"
+done
+dpkg-deb -I "$work"/tarvikd_*.deb postinst | grep -q 'systemd-sysusers.* tarvikd.conf' ||
+    fail "tarvikd's postinst does not make its user (systemd-sysusers tarvikd.conf)"
+pass "tarvikd: unit, sysusers, bus policy and activation, polkit actions and rule; postinst makes the user"
+
 # --- man pages and completion ---
-for page in tarvikctl tarvik-sim; do
-    file=$root/usr/share/man/man1/$page.1.gz
+for page in man1/tarvikctl.1 man1/tarvik-sim.1 man8/tarvikd.8; do
+    file=$root/usr/share/man/$page.gz
     text=$(MANWIDTH=80 man -l "$file" 2>/dev/null) || fail "man -l $page.1.gz"
     echo "$text" | grep -q "^NAME" || fail "$page.1.gz has no NAME section"
     warnings=$(LC_ALL=C.UTF-8 MANWIDTH=80 man --warnings -E UTF-8 -l -Tutf8 -Z "$file" 2>&1 >/dev/null)
@@ -122,7 +139,7 @@ for page in tarvikctl tarvik-sim; do
 done
 man -l "$root/usr/share/man/man1/tarvikctl.1.gz" 2>/dev/null | grep -q 'tarvikctl exposure set-times' ||
     fail "tarvikctl.1 lacks the subcommands' help"
-pass "man pages render: tarvikctl(1), tarvik-sim(1)"
+pass "man pages render: tarvikctl(1), tarvik-sim(1), tarvikd(8)"
 
 completion=$root/usr/share/bash-completion/completions/tarvikctl
 got=$(bash -c 'source "$1"; COMP_WORDS=(tarvikctl exposure get-); COMP_CWORD=2; _tarvikctl
@@ -172,5 +189,16 @@ out=$(PYTHONPATH=$root/usr/lib/python3/dist-packages "$sim" run -- /usr/bin/pyth
     "$examples/read_card.py" 2>/dev/null) || fail "read_card.py: $out"
 echo "$out" | grep -qx 'name: 张三' || fail "read_card.py printed: $out"
 pass "read_card.py reads the card through the packaged Python package"
+
+# The packaged service on a session bus of its own, on the simulated camera.
+# shellcheck disable=SC2016 # the inner shell expands them
+out=$(dbus-run-session -- "$sim" run -- sh -c '
+    "$1" --session & pid=$!
+    for _ in $(seq 100); do busctl --user status org.tarvik.Tarvik1 >/dev/null 2>&1 && break; sleep 0.1; done
+    busctl --user call org.tarvik.Tarvik1 /org/tarvik/Tarvik1 org.tarvik.Tarvik1.Manager GetCameras
+    rc=$?; kill "$pid"; wait "$pid" && exit $rc' _ "$root/usr/sbin/tarvikd" 2>&1) ||
+    fail "the packaged tarvikd on a session bus: $out"
+echo "$out" | grep -q '^ao 1 "/org/tarvik/Tarvik1/camera/' || fail "tarvikd's GetCameras: $out"
+pass "the packaged tarvikd offers the simulated camera on a session bus"
 
 echo "package check: $passed passed, 0 failed"

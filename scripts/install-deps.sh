@@ -14,6 +14,10 @@ packages=(
   usbutils v4l-utils uvcdynctrl
   debhelper dpkg-dev lintian help2man man-db groff-base
   python3 python3-pytest dh-python
+  # tarvikd and its tests: sd-bus, private buses, polkit, systemd-analyze
+  libsystemd-dev dbus dbus-daemon dbus-bin polkitd systemd python3-dbus-next
+  # the browser bridge and its tests
+  libboost-dev chromium python3-websockets python3-prometheus-client
 )
 
 missing=()
