@@ -1,6 +1,7 @@
 #include "camera_lock.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -35,7 +36,12 @@ bool CameraLock::Open(const std::string& port, std::string& why) {
         if (dir == nullptr) continue;
         // Read-only is enough to lock, and lets any user use a file another made.
         m_fd = ::open(lock_path(dir, port).c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0644);
-        if (m_fd >= 0) return true;
+        if (m_fd >= 0) {
+            // Whatever the creator's umask (a service's is often 0077), other
+            // users must be able to open it. Not ours: its owner's mode stays.
+            (void)::fchmod(m_fd, 0644);
+            return true;
+        }
         why = lock_path(dir, port) + ": " + std::strerror(errno);
     }
     return false;

@@ -1,6 +1,7 @@
 #include "metrics.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <tarvik.h>
 #include <unistd.h>
 
@@ -113,7 +114,8 @@ std::string RenderMetrics(const Cameras& cameras) {
 bool WriteMetricsFile(const std::string& path, const std::string& text, std::string& error) {
     const std::string temporary = path + ".tmp";
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool ok = fd >= 0;
+    // Readable by the collector's user whatever the service's umask.
+    bool ok = fd >= 0 && ::fchmod(fd, 0644) == 0;
     for (std::size_t done = 0; ok && done < text.size();) {
         const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
         ok = n > 0 || (n < 0 && errno == EINTR);
