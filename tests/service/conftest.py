@@ -173,14 +173,15 @@ def install_polkit_files():
 class Service:
     """tarvikd on `bus`, with its standard error in a file."""
 
-    def __init__(self, bus, *args):
+    def __init__(self, bus, *args, umask=None):
         self.bus = bus
         self.log = tempfile.NamedTemporaryFile(prefix="tarvikd-", suffix=".log", delete=False)
         env = dict(os.environ, DBUS_SYSTEM_BUS_ADDRESS=bus.address,
                    DBUS_SESSION_BUS_ADDRESS=bus.address)
         self.process = subprocess.Popen(
             [os.environ["TARVIKD"], "--poll-interval", "50", "--log-level", "debug"] + list(args),
-            env=env, stdout=subprocess.DEVNULL, stderr=self.log)
+            env=env, stdout=subprocess.DEVNULL, stderr=self.log,
+            preexec_fn=None if umask is None else (lambda: os.umask(umask)))
         wait_for_name(bus, BUS_NAME)
 
     def cameras(self):

@@ -288,7 +288,9 @@ def test_metrics_parse_and_the_file_is_replaced_whole(bus, tmp_path):
     if IS_ROOT:
         bus.start_polkit()
     path = tmp_path / "tarvik.prom"
-    service = Service(bus, *([] if IS_ROOT else ["--session"]), "--metrics-file", str(path))
+    # A service's umask is often 0077; the collector must still read the file.
+    service = Service(bus, *([] if IS_ROOT else ["--session"]), "--metrics-file", str(path),
+                      umask=0o077)
     first = service.cameras()[0]
     call(bus, first, "ReadCard", "a{sv}", "0")
     call(bus, first, "ReadItem", "s", "nope", check=False)  # refused: not counted
@@ -310,6 +312,7 @@ def test_metrics_parse_and_the_file_is_replaced_whole(bus, tmp_path):
     written = path.read_text()  # written at the stop, whole
     assert list(text_string_to_metric_families(written)) and written == text
     assert not (tmp_path / "tarvik.prom.tmp").exists()
+    assert path.stat().st_mode & 0o777 == 0o644
 
 
 @pytest.mark.skipif(not IS_ROOT, reason="polkitd and the test's users need root")
