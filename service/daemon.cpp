@@ -413,9 +413,14 @@ void Daemon::Finish(Camera& camera, Completion& done) {
         sd_bus_message* reply = nullptr;
         int r = sd_bus_message_new_method_return(p.call, &reply);
         if (r >= 0 && o.fill) r = o.fill(reply);
-        if (r >= 0) r = sd_bus_send(nullptr, reply, nullptr);
+        if (r < 0) {
+            // Text the bus does not carry (not UTF-8, say): the caller hears why.
+            o.result = TARVIK_LIBUSB_ERROR_OTHER;
+            ReplyResult(p.call, o.result, "the camera's answer cannot be sent on the bus");
+        } else if ((r = sd_bus_send(nullptr, reply, nullptr)) < 0) {
+            Log(kDebug, "a reply could not be sent (the caller left?): %s", std::strerror(-r));
+        }
         sd_bus_message_unref(reply);
-        if (r < 0) Log(kDebug, "a reply could not be sent: %s", std::strerror(-r));
     } else {
         ReplyResult(p.call, o.result, o.message);
     }
@@ -623,10 +628,16 @@ bool Daemon::AddCamera(const tarvik_camera_info& info) {
     tarvik_camera* handle = nullptr;
     const int r = tarvik_open(&o, &handle);
     if (r != 0) {
-        Log(kWarning, "camera %s at %d:%d does not open: %s (%s)", key.c_str(), info.bus,
-            info.address, tarvik_result_name(r), tarvik_strerror(r));
+        // Said once per cause: the rescans try again every few seconds.
+        int& said = m_openFailures[key];
+        if (said != r) {
+            Log(kWarning, "camera %s at %d:%d does not open: %s (%s); trying again", key.c_str(),
+                info.bus, info.address, tarvik_result_name(r), tarvik_strerror(r));
+        }
+        said = r;
         return false;
     }
+    m_openFailures.erase(key);
     tarvik_camera_info described{};
     tarvik_transport transport = TARVIK_TRANSPORT_USB;
     tarvik_describe(handle, &described, &transport);

@@ -102,6 +102,7 @@ private:
     std::map<std::uint64_t, std::unique_ptr<Pending>> m_pending;
     std::map<std::string, unsigned> m_pendingByClient;
     std::map<std::string, CameraCounters> m_counters;  // outlive a camera's object
+    std::map<std::string, int> m_openFailures;         // the last said, per camera
     std::uint64_t m_nextId = 0;
     sd_event_source* m_rescan = nullptr;
     sd_event_source* m_metricsDue = nullptr;

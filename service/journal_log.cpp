@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <string>
 
 namespace tarvikd {
 
@@ -14,22 +15,26 @@ namespace {
 std::atomic<int> g_priority{kInfo};
 std::mutex g_write;
 
+// One line whatever the text holds: a camera's serial or a client's name may
+// carry control characters, which must not start a line of their own (with a
+// priority prefix of someone else's choosing) in the journal.
 void WriteLine(int priority, const char* text) {
     if (priority > g_priority.load()) return;
+    std::string line(text);
+    for (char& c : line) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    }
     std::lock_guard<std::mutex> lock(g_write);
-    std::fprintf(stderr, "<%d>%s\n", priority, text);
+    std::fprintf(stderr, "<%d>%s\n", priority, line.c_str());
     std::fflush(stderr);
 }
 
 void LibraryLine(int level, const char* line, void*) {
     // The library's levels are syslog priorities already; its lines may end in
     // blanks or carry a carriage return from the C++ interface's format.
-    char text[512];
-    std::snprintf(text, sizeof text, "library: %s", line);
-    for (char* p = text; *p != '\0'; ++p) {
-        if (*p == '\r' || *p == '\n') *p = ' ';
-    }
-    WriteLine(level, text);
+    std::string text = std::string("library: ") + line;
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\n')) text.pop_back();
+    WriteLine(level, text.c_str());
 }
 
 }  // namespace
