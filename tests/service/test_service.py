@@ -55,7 +55,7 @@ class Signals:
         conn.add_message_handler(self.handle)
 
     def handle(self, message):
-        if message.message_type == MessageType.SIGNAL and message.sender is not None:
+        if message.message_type == MessageType.SIGNAL and message.path.startswith(MANAGER):
             self.heard.append(message)
             self.arrived.set()
 
