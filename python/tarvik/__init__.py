@@ -13,6 +13,10 @@ package (the same prefix), else libTarvik.so.1 from the loader's path; when
 there is none, LibraryMissing says what to install. Failures raise
 TarvikError subclasses that carry the library's result code. The library's
 log lines go to the logging logger "tarvik".
+
+``tarvik.Service()`` reaches the cameras through tarvikd, the camera service
+on D-Bus, instead (see tarvik.service); it needs python3-dbus-next, imported
+only then.
 """
 from __future__ import annotations
 
@@ -41,6 +45,8 @@ from .errors import (
     Overflow,
     Refused,
     SamError,
+    ServiceAccessDenied,
+    ServiceUnavailable,
     ShortTransfer,
     TarvikError,
     Timeout,
@@ -49,11 +55,14 @@ from .errors import (
     strerror,
 )
 from .log import set_log_handler, set_log_level
+from .service import AsyncService, AsyncServiceCamera, Service, ServiceCamera
 
 __version__ = "1.0.0"  # the library's version too: tarvik.version()
 
 __all__ = [
     "AccessDenied",
+    "AsyncService",
+    "AsyncServiceCamera",
     "Camera",
     "CameraBusy",
     "CameraInfo",
@@ -80,6 +89,10 @@ __all__ = [
     "Overflow",
     "Refused",
     "SamError",
+    "Service",
+    "ServiceAccessDenied",
+    "ServiceCamera",
+    "ServiceUnavailable",
     "ShortTransfer",
     "TarvikError",
     "Timeout",

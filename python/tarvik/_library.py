@@ -76,6 +76,15 @@ class CardRecord(ctypes.Structure):
     ]
 
 
+class ItemInfoRecord(ctypes.Structure):
+    _fields_ = [
+        ("number", c_int),
+        ("name", c_char_p),
+        ("read_size", c_int),
+        ("write_size", c_int),
+    ]
+
+
 LOG_HANDLER = ctypes.CFUNCTYPE(None, c_int, c_char_p, c_void_p)
 
 _CAMERA = c_void_p  # tarvik_camera*, opaque
@@ -107,6 +116,7 @@ _PROTOTYPES = {
     "tarvik_read_gyro": (c_int, [_CAMERA, POINTER(c_int32), POINTER(c_int32)]),
     "tarvik_read_exposure": (c_int, [_CAMERA, POINTER(ExposureRecord)]),
     "tarvik_write_exposure": (c_int, [_CAMERA, POINTER(ExposureRecord)]),
+    "tarvik_item": (c_int, [c_int, POINTER(ItemInfoRecord)]),
     "tarvik_read_item": (c_int, [_CAMERA, c_int, c_void_p, c_void_p, c_size_t]),
     "tarvik_write_item": (c_int, [_CAMERA, c_int, c_void_p, c_size_t]),
     "tarvik_sam_command": (c_int, [_CAMERA, c_int, POINTER(c_int), POINTER(c_uint8)]),

@@ -1,6 +1,7 @@
 """The library's results as exceptions: one class per condition, each carrying its code."""
 from __future__ import annotations
 
+import functools
 from typing import Dict, Optional, Tuple, Type
 
 from ._library import lib
@@ -181,9 +182,35 @@ class SamError(TarvikError):
         self.sam_result = sam_result
 
 
+class ServiceUnavailable(TarvikError, ConnectionError):
+    """tarvikd cannot be reached: it is not running, the bus is not there, the
+    connection broke or was closed, or python3-dbus-next is not installed; the
+    message says which. ``code`` is NOT_OPEN: no camera can be used."""
+
+    def __init__(self, detail: str) -> None:  # pylint: disable=super-init-not-called
+        self.code = NOT_OPEN
+        self.name = "SERVICE_UNAVAILABLE"
+        self.message = "the camera service cannot be reached"
+        self.detail = detail
+        Exception.__init__(self, self.code, detail)
+
+
+class ServiceAccessDenied(AccessDenied):
+    """tarvikd (polkit) refused the call: join the group tarvik, or ask an
+    administrator. Caught as AccessDenied and PermissionError too."""
+
+    results = ()  # LIBUSB_ERROR_ACCESS from the library itself stays AccessDenied's
+
+    def __init__(self, detail: str = "") -> None:
+        super().__init__(ACCESS, "the camera service refused the call: join the group tarvik, "
+                         "or ask an administrator", detail)
+
+
 # What the binding refuses itself, before any call, carries these codes of tarvik.h.
 INVALID_ARGUMENT = -1001  # TARVIK_E_INVALID_ARGUMENT
 NOT_OPEN = -1002  # TARVIK_E_NOT_OPEN
+UNKNOWN = -1014  # TARVIK_E_UNKNOWN: a condition the library does not know
+ACCESS = -3  # LIBUSB_ERROR_ACCESS
 
 
 def _by_name() -> Dict[str, Type[TarvikError]]:
@@ -214,6 +241,28 @@ def error_for(code: int, sam_result: int = 0) -> TarvikError:
     if cls is SamError:
         return SamError(code, sam_result=sam_result)
     return cls(code)
+
+
+@functools.lru_cache(maxsize=None)
+def _codes() -> Dict[str, int]:
+    """Every result's code by its name. libusb's codes lie in -1..-99, the
+    library's own from -1001 on (tarvik.h)."""
+    named = {result_name(code): code for code in range(-1100, 1)}
+    named.pop("UNKNOWN", None)
+    return named
+
+
+def error_named(name: str, detail: str = "", sam_result: int = 0) -> TarvikError:
+    """The exception for a result given by its name, as tarvikd names them; a
+    name this library does not know gives the base class, with that name."""
+    code = _codes().get(name, UNKNOWN)
+    cls = _by_name().get(name, TarvikError)
+    if cls is SamError:
+        error: TarvikError = SamError(code, sam_result=sam_result)
+    else:
+        error = cls(code, detail="" if detail == strerror(code) else detail)
+    error.name = name
+    return error
 
 
 def check(code: int, sam_result: int = 0) -> None:
