@@ -77,7 +77,7 @@ void AddSettings(CLI::App& app, Storage& st, Invocation& inv, bool write) {
     cmd->require_subcommand(0, 1);
     cmd->callback([cmd, &unknown, write] { CheckSettingChosen(*cmd, unknown, write); });
     for (const Setting& s : Settings()) {
-        if (write ? s.write == nullptr : s.read == nullptr) continue;
+        if (!(write ? s.write : s.read)) continue;
         SettingOptions& o = write ? st.set : st.get;  // one setting runs
         auto* sub = cmd->add_subcommand(s.name, s.summary);
         AddSettingOptions(*sub, s, o, write);

@@ -149,7 +149,7 @@ void Pause(long ms) {
 
 void Sample(Session& session, bool inPlace) {
     int32_t pitch = 0, roll = 0;
-    const int result = tarvik_read_gyro(session.Camera(), &pitch, &roll);
+    const int result = session.Camera().ReadGyro(pitch, roll);
     if (result != 0 && inPlace) session.Out().Text("\n");
     Check(result, "gyro");
     session.Out().Sample(Json{{"pitch", pitch}, {"roll", roll}}, TiltText(pitch, roll), inPlace);
@@ -175,7 +175,7 @@ int RunList(Session& session) {
 
 int RunInfo(Session& session) {
     InfoReport report;
-    tarvik_camera* camera = session.Camera();
+    tarvik_camera* camera = LibraryHandle(session.Camera());
     AddIdentity(camera, report);
     AddSettings(camera, report);
     AddState(camera, report);

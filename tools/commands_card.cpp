@@ -92,8 +92,7 @@ CardReply DescribeCard(const tarvik_card& card, bool third) {
 
 CardRecord ReadCard(Session& session, bool third) {
     CardRecord card(new tarvik_card{});
-    const int result =
-        tarvik_read_card(session.Camera(), card.get(), third ? TARVIK_CARD_THIRD_BLOCK : 0u);
+    const int result = session.Camera().ReadCard(*card, third);
     const Json context{{"sam_result", card->sam_result}};
     if (result == TARVIK_E_SAM) {
         throw ToolError(kExitFailed, result,
@@ -121,7 +120,7 @@ int RunSam(Session& session, const std::string& command) {
     const uint8_t cmd = ParseSamCommand(command);
     int code = 0;
     uint8_t number[16] = {};
-    const int result = tarvik_sam_command(session.Camera(), cmd, &code, number);
+    const int result = session.Camera().SamCommand(cmd, code, number);
     const std::string what = "SAM command " + std::to_string(cmd);
     Json json{{"command", cmd}, {"sam_result", code}};
     if (result == TARVIK_E_SAM) {

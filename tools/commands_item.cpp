@@ -25,18 +25,17 @@ tarvik_data_block Block(const ItemRequest& r) {
     return block;
 }
 
-std::vector<uint8_t> ReadBytes(tarvik_camera* camera, const ItemRequest& r) {
+std::vector<uint8_t> ReadBytes(Device& camera, const ItemRequest& r) {
     const ItemInfo& item = *r.item;
     if (item.number == kDataBlockItem) {
         tarvik_data_block block = Block(r);
-        Check(tarvik_read_item(camera, item.number, nullptr, &block, sizeof block),
-              What("read", item));
+        Check(camera.ReadItem(item.number, nullptr, &block, sizeof block), What("read", item));
         return std::vector<uint8_t>(block.data, block.data + r.length);
     }
     RecordBuffer record;
     const int mode = r.mode;  // the lens motor's record: which value
     const void* input = item.number == kVcmItem ? &mode : nullptr;
-    Check(tarvik_read_item(camera, item.number, input, record.bytes, sizeof record.bytes),
+    Check(camera.ReadItem(item.number, input, record.bytes, sizeof record.bytes),
           What("read", item));
     return RecordBytes(item, record, item.readBytes);
 }
@@ -75,12 +74,12 @@ int RunItemWrite(Session& session, const ItemOptions& options) {
     int result = 0;
     if (item.number == kDataBlockItem) {
         const tarvik_data_block block = Block(r);
-        result = tarvik_write_item(session.Camera(), item.number, &block, sizeof block);
+        result = session.Camera().WriteItem(item.number, &block, sizeof block);
     } else {
         RecordBuffer record;
         FillRecord(item, r.bytes, record);
-        result = tarvik_write_item(session.Camera(), item.number, record.bytes,
-                                   static_cast<size_t>(item.record.write_size));
+        result = session.Camera().WriteItem(item.number, record.bytes,
+                                            static_cast<size_t>(item.record.write_size));
     }
     Check(result, What("write", item));
     session.Out().Ok(ItemJson(item), "");

@@ -1,4 +1,6 @@
 // get, set and exposure.
+#include <cstring>
+
 #include "commands.h"
 #include "text_format.h"
 #include "value_parse.h"
@@ -60,8 +62,10 @@ void CheckCount(ExposureOp op, const std::vector<std::string>& values) {
 }
 
 tarvik_exposure ReadBlock(Session& session, ExposureOp op) {
+    RecordBuffer record;
+    Check(session.Camera().ReadSetting(kExposureItem, 0, record), Name(op));
     tarvik_exposure block{};
-    Check(tarvik_read_exposure(session.Camera(), &block), Name(op));
+    std::memcpy(&block, record.bytes, sizeof block);
     return block;
 }
 
@@ -106,7 +110,7 @@ std::string Refusal(int result, const tarvik_exposure& b) {
 int SetTimes(Session& session, const std::vector<std::string>& values) {
     const uint32_t left = Time(values[0], "left");
     const uint32_t right = Time(values[1], "right");
-    const int result = tarvik_write_exposure_times(session.Camera(), left, right);
+    const int result = session.Camera().WriteExposureTimes(left, right);
     if (result == TARVIK_E_OUT_OF_RANGE || result == TARVIK_E_NOT_MANUAL) {
         const tarvik_exposure current = ReadBlock(session, ExposureOp::kSetTimes);
         throw ToolError(
@@ -127,7 +131,7 @@ int SetMode(Session& session, const std::vector<std::string>& values) {
                             std::to_string(left) + ", right " + std::to_string(right) +
                             "); they must be equal");
     }
-    Check(tarvik_write_exposure_mode(session.Camera(), left, right), "exposure set-mode");
+    Check(session.Camera().WriteExposureMode(left, right), "exposure set-mode");
     const auto sent =
         static_cast<uint8_t>(static_cast<uint32_t>(left) & 0xFFu);  // the mode's low byte
     session.Out().Ok(Eyes("mode", sent, sent), "");
@@ -137,16 +141,16 @@ int SetMode(Session& session, const std::vector<std::string>& values) {
 }  // namespace
 
 int RunGet(Session& session, const Setting& s, const SettingOptions& o) {
-    SettingValue v;
-    v.mode = ParseMode(o);
-    Check(s.read(session.Camera(), v), std::string("get ") + s.name);
-    ReplyValue(session, s, v, o.hex);
+    const int mode = ParseMode(o);
+    RecordBuffer record;
+    Check(session.Camera().ReadSetting(s.item, mode, record), std::string("get ") + s.name);
+    ReplyValue(session, s, SettingFromRecord(s, record, mode), o.hex);
     return kExitOk;
 }
 
 int RunSet(Session& session, const Setting& s, const SettingOptions& o) {
-    const SettingValue v = ParseSetting(s, o);
-    Check(s.write(session.Camera(), v), std::string("set ") + s.name);
+    const RecordBuffer record = SettingRecord(s, ParseSetting(s, o));
+    Check(session.Camera().WriteSetting(s.item, record), std::string("set ") + s.name);
     session.Out().Ok(Json{{"setting", s.name}}, "");
     return kExitOk;
 }

@@ -11,21 +11,22 @@ namespace tarvikctl {
 
 namespace {
 
-tarvik_camera* volatile g_watched = nullptr;
+Device* volatile g_watched = nullptr;
 
-// tarvik_cancel is safe in a signal handler: it wakes the wait, which ends.
+// Cancel is safe in a signal handler: it wakes the wait, which ends.
 void OnStop(int) {
-    if (tarvik_camera* camera = g_watched) tarvik_cancel(camera);
+    if (Device* camera = g_watched) camera->Cancel();
 }
 
-void ReplyEvent(Session& session, const tarvik_event& e, const WatchOptions& o) {
-    Json json{{"event", tarvik_event_name(e.type)}, {"sequence", e.sequence},
-              {"time_ns", e.time_ns}};
+void ReplyEvent(Session& session, const DeviceEvent& event, const WatchOptions& o) {
+    const tarvik_event& e = event.event;
+    Json json{
+        {"event", tarvik_event_name(e.type)}, {"sequence", e.sequence}, {"time_ns", e.time_ns}};
     char head[96];
     std::snprintf(head, sizeof head, "#%llu %s", static_cast<unsigned long long>(e.sequence),
                   tarvik_event_name(e.type));
     std::string text = head;
-    if (e.type == TARVIK_EVENT_CAMERA_BACK) {
+    if (e.type == TARVIK_EVENT_CAMERA_BACK && event.settingsKnown) {
         json["settings_result"] = e.result;
         json["settings_error"] = tarvik_result_name(e.result);
     }
@@ -47,17 +48,17 @@ void ReplyEvent(Session& session, const tarvik_event& e, const WatchOptions& o) 
 
 int RunWatch(Session& session, const WatchOptions& o) {
     const long interval = static_cast<long>(ParseInteger(o.intervalMs, "--interval", 50, 60000));
-    tarvik_camera* camera = session.Camera();
-    Check(tarvik_set_poll_interval(camera, static_cast<unsigned>(interval)), "watch");
-    g_watched = camera;
+    Device& camera = session.Camera();
+    Check(camera.StartWatch(static_cast<unsigned>(interval)), "watch");
+    g_watched = &camera;
     struct sigaction action {};
     action.sa_handler = OnStop;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     try {
         for (;;) {
-            tarvik_event e{};
-            const int r = tarvik_wait_event(camera, &e, -1);
+            DeviceEvent e;
+            const int r = camera.WaitEvent(e);
             if (r == TARVIK_E_CANCELLED) break;
             Check(r, "watch");
             ReplyEvent(session, e, o);

@@ -23,10 +23,26 @@ struct ItemInfo {
 };
 
 constexpr int kExposureItem = 1;
+constexpr int kMjpegQpItem = 2;
+constexpr int kRoiItem = 6;
+constexpr int kDeviceSnItem = 8;
+constexpr int kDeviceIdItem = 9;
 constexpr int kDataBlockItem = 10;
 constexpr int kSamItem = 12;
+constexpr int kGyroItem = 16;
+constexpr int kGpioItem = 17;
 constexpr int kVcmItem = 18;
 constexpr size_t kDataBlockMax = 48;
+
+// The lens motor's write record (item 18), as `item write vcm` takes it: two
+// leading bytes sent unchanged, the value and the mode that chooses it.
+struct VcmWrite {
+    uint8_t ctrl0;
+    uint8_t ctrl1;
+    uint16_t value;
+    int32_t mode;
+};
+static_assert(sizeof(VcmWrite) == 8, "the library's record of a lens motor write");
 
 // Every item the library knows, in number order.
 const std::vector<ItemInfo>& Items();

@@ -2,10 +2,10 @@
 // values are checked before anything is sent) and the reply.
 #pragma once
 
-#include <tarvik.h>
-
+#include <memory>
 #include <string>
 
+#include "device.h"
 #include "reply.h"
 
 namespace tarvikctl {
@@ -30,8 +30,8 @@ struct GlobalOptions {
 
 class Session {
 public:
-    Session(const GlobalOptions& options, Reply& reply) : m_options(options), m_reply(reply) {}
-    ~Session() { Close(); }
+    Session(const GlobalOptions& options, Reply& reply);
+    ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -39,14 +39,14 @@ public:
     Reply& Out() { return m_reply; }
 
     // The camera, opened on first use. Throws ToolError (no camera) saying why not.
-    tarvik_camera* Camera();
+    Device& Camera();
     // Releases the camera (the kernel's video driver gets it back on the USB path).
     void Close();
 
 private:
     const GlobalOptions& m_options;
     Reply& m_reply;
-    tarvik_camera* m_camera = nullptr;
+    std::unique_ptr<Device> m_camera;
 };
 
 // A failed call as the command's error: "<what> failed: result -7: ...".

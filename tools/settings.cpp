@@ -1,33 +1,26 @@
 #include "settings.h"
 
+#include <cstring>
+
 #include "value_parse.h"
 
 namespace tarvikctl {
 
 namespace {
 
-using V = SettingValue;
-
 const std::vector<Setting> kSettings = {
     {"roi", "The region of interest: four 32-bit values", SettingKind::kFields, 4, "V1 V2 V3 V4",
-     [](tarvik_camera* c, V& v) { return tarvik_read_roi(c, v.fields.data()); },
-     [](tarvik_camera* c, const V& v) { return tarvik_write_roi(c, v.fields.data()); }},
+     kRoiItem, true, true},
     {"mjpeg-qp", "The MJPEG quantisation: four 32-bit values", SettingKind::kFields, 4,
-     "V1 V2 V3 V4", [](tarvik_camera* c, V& v) { return tarvik_read_mjpeg_qp(c, v.fields.data()); },
-     [](tarvik_camera* c, const V& v) { return tarvik_write_mjpeg_qp(c, v.fields.data()); }},
-    {"device-id", "The device id: 20 bytes", SettingKind::kDeviceText, 0, "TEXT",
-     [](tarvik_camera* c, V& v) { return tarvik_read_device_id(c, v.bytes.data()); },
-     [](tarvik_camera* c, const V& v) { return tarvik_write_device_id(c, v.bytes.data()); }},
+     "V1 V2 V3 V4", kMjpegQpItem, true, true},
+    {"device-id", "The device id: 20 bytes", SettingKind::kDeviceText, 0, "TEXT", kDeviceIdItem,
+     true, true},
     {"device-sn", "The device's serial number: 20 bytes", SettingKind::kDeviceText, 0, "TEXT",
-     [](tarvik_camera* c, V& v) { return tarvik_read_device_sn(c, v.bytes.data()); },
-     [](tarvik_camera* c, const V& v) { return tarvik_write_device_sn(c, v.bytes.data()); }},
-    {"gpio", "The two GPIO values (written only)", SettingKind::kFields, 2, "V1 V2", nullptr,
-     [](tarvik_camera* c, const V& v) { return tarvik_write_gpio(c, v.fields[0], v.fields[1]); }},
+     kDeviceSnItem, true, true},
+    {"gpio", "The two GPIO values (written only)", SettingKind::kFields, 2, "V1 V2", kGpioItem,
+     false, true},
     {"vcm", "The lens motor: a 16-bit value, chosen by --mode", SettingKind::kLensMotor, 0, "VALUE",
-     [](tarvik_camera* c, V& v) { return tarvik_read_vcm(c, v.mode, &v.motor); },
-     [](tarvik_camera* c, const V& v) {
-         return tarvik_write_vcm(c, v.mode, v.motor, v.ctrl0, v.ctrl1);
-     }},
+     kVcmItem, true, true},
 };
 
 uint8_t Byte(const std::string& text, const std::string& what) {
@@ -62,7 +55,7 @@ const char* ValueHelp(SettingKind kind) {
 std::string SettingNames(bool writable) {
     std::string out;
     for (const Setting& s : kSettings) {
-        if (writable ? s.write != nullptr : s.read != nullptr) {
+        if (writable ? s.write : s.read) {
             out += (out.empty() ? "" : ", ") + std::string(s.name);
         }
     }
@@ -88,6 +81,41 @@ SettingValue ParseSetting(const Setting& s, const SettingOptions& o) {
             v.mode = ParseMode(o);
             v.ctrl0 = Byte(o.ctrl0, "--ctrl0");
             v.ctrl1 = Byte(o.ctrl1, "--ctrl1");
+            break;
+    }
+    return v;
+}
+
+RecordBuffer SettingRecord(const Setting& s, const SettingValue& v) {
+    RecordBuffer record;
+    switch (s.kind) {
+        case SettingKind::kFields:
+            std::memcpy(record.bytes, v.fields.data(), s.fields * sizeof(int32_t));
+            break;
+        case SettingKind::kDeviceText:
+            std::memcpy(record.bytes, v.bytes.data(), v.bytes.size());
+            break;
+        case SettingKind::kLensMotor: {
+            const VcmWrite motor{v.ctrl0, v.ctrl1, v.motor, v.mode};
+            std::memcpy(record.bytes, &motor, sizeof motor);
+            break;
+        }
+    }
+    return record;
+}
+
+SettingValue SettingFromRecord(const Setting& s, const RecordBuffer& record, int mode) {
+    SettingValue v;
+    v.mode = mode;
+    switch (s.kind) {
+        case SettingKind::kFields:
+            std::memcpy(v.fields.data(), record.bytes, s.fields * sizeof(int32_t));
+            break;
+        case SettingKind::kDeviceText:
+            std::memcpy(v.bytes.data(), record.bytes, v.bytes.size());
+            break;
+        case SettingKind::kLensMotor:
+            std::memcpy(&v.motor, record.bytes, sizeof v.motor);
             break;
     }
     return v;

@@ -2,12 +2,12 @@
 // the help are made from.
 #pragma once
 
-#include <tarvik.h>
-
 #include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "item_records.h"
 
 namespace tarvikctl {
 
@@ -18,7 +18,7 @@ enum class SettingKind {
     kLensMotor,   // a 16-bit value chosen by a mode byte; a write adds two leading bytes
 };
 
-// A setting's value, in the form the C interface takes.
+// A setting's value, as the user types and reads it.
 struct SettingValue {
     std::array<int32_t, 4> fields{};
     std::array<uint8_t, 20> bytes{};
@@ -28,14 +28,16 @@ struct SettingValue {
     uint8_t ctrl1 = 0;
 };
 
+// A setting is an extension item's record, read and written whole.
 struct Setting {
     const char* name;
     const char* summary;  // for the help
     SettingKind kind;
-    size_t fields;                                            // kFields: how many values
-    const char* valueNames;                                   // what `set` takes, for the help
-    int (*read)(tarvik_camera* camera, SettingValue& value);  // null: can't be read
-    int (*write)(tarvik_camera* camera, const SettingValue& value);  // null: can't be written
+    size_t fields;           // kFields: how many values
+    const char* valueNames;  // what `set` takes, for the help
+    int item;                // the extension item that holds it
+    bool read;               // false: can't be read
+    bool write;              // false: can't be written
 };
 
 const std::vector<Setting>& Settings();
@@ -59,5 +61,10 @@ struct SettingOptions {
 SettingValue ParseSetting(const Setting& setting, const SettingOptions& options);
 // The lens motor's mode for `get`. Throws ValueError.
 int ParseMode(const SettingOptions& options);
+
+// The item's record that holds `value` (the lens motor's: its write record).
+RecordBuffer SettingRecord(const Setting& setting, const SettingValue& value);
+// The value the item's read record holds (the lens motor's: its value for `mode`).
+SettingValue SettingFromRecord(const Setting& setting, const RecordBuffer& record, int mode);
 
 }  // namespace tarvikctl
