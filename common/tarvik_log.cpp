@@ -1,5 +1,6 @@
 #include "tarvik_log.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,11 @@ Destination from_environment() {
     return Destination::kDefault;
 }
 
+// The least severe level a line may have and still go somewhere, read before
+// a line is formatted: a line nobody keeps costs one load, not its formatting.
+// -1 when every line goes nowhere. Written under the switch's lock.
+std::atomic<int> g_kept{static_cast<int>(Level::kDebug)};
+
 struct Switch {
     std::mutex mutex;
     LogHandler handler = nullptr;
@@ -30,11 +36,22 @@ struct Switch {
     int level = static_cast<int>(Level::kDebug);  // every line, as described
     bool levelChosen = false;
     bool cInterface = false;
+
+    Switch() { Changed(); }
+    void Changed() {
+        const bool nowhere = handler == nullptr && destination == Destination::kOff;
+        g_kept.store(nowhere ? -1 : level, std::memory_order_relaxed);
+    }
 };
 
 Switch& the_switch() {
     static Switch s;
     return s;
+}
+
+bool kept(Level level) {
+    the_switch();  // the environment's word is in g_kept from the first line on
+    return static_cast<int>(level) <= g_kept.load(std::memory_order_relaxed);
 }
 
 // The line without its leading carriage return and trailing line feed.
@@ -90,6 +107,7 @@ __attribute__((format(printf, 1, 0))) std::string format(const char* fmt, va_lis
 }  // namespace
 
 void LogLine(Level level, const char* file, int line, const char* fmt, ...) {
+    if (!kept(level)) return;
     char prefix[256];
     std::snprintf(prefix, sizeof prefix, "\r[File:%s, Line:%d] ", file, line);
     va_list args;
@@ -100,6 +118,7 @@ void LogLine(Level level, const char* file, int line, const char* fmt, ...) {
 }
 
 void LogPlain(Level level, Stream stream, const char* fmt, ...) {
+    if (!kept(level)) return;
     va_list args;
     va_start(args, fmt);
     const std::string text = format(fmt, args);
@@ -112,6 +131,7 @@ void set_log_handler(LogHandler handler, void* user) {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.handler = handler;
     s.user = user;
+    s.Changed();
 }
 
 void set_log_level(int level) {
@@ -119,6 +139,7 @@ void set_log_level(int level) {
     std::lock_guard<std::mutex> lock(s.mutex);
     s.level = level;
     s.levelChosen = true;
+    s.Changed();
 }
 
 void use_c_interface_defaults() {
@@ -129,6 +150,7 @@ void use_c_interface_defaults() {
     if (!s.levelChosen && s.destination == Destination::kDefault) {
         s.level = static_cast<int>(Level::kWarning);
     }
+    s.Changed();
 }
 
 }  // namespace tarvik

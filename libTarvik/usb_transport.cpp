@@ -6,6 +6,7 @@
 #include <libusb.h>
 #include <string.h>
 
+#include <array>
 #include <atomic>
 #include <vector>
 
@@ -23,11 +24,22 @@ constexpr std::uint16_t kUnitAndInterface = 0x0500;  // unit id 5 in the high by
 
 std::atomic<unsigned> g_timeoutMs{transport::kControlTimeoutMs};
 
-// The setup packet and the data, wiped when it goes.
-struct TransferBuffer {
-    explicit TransferBuffer(std::uint16_t length) : bytes(LIBUSB_CONTROL_SETUP_SIZE + length) {}
-    ~TransferBuffer() { explicit_bzero(bytes.data(), bytes.size()); }
-    std::vector<unsigned char> bytes;
+// The setup packet and the data, wiped when it goes. A transaction's frame
+// (60 bytes) fits on the stack; anything longer goes to the heap.
+class TransferBuffer {
+public:
+    explicit TransferBuffer(std::uint16_t length) : m_size(LIBUSB_CONTROL_SETUP_SIZE + length) {
+        if (m_size > m_inline.size()) m_heap.resize(m_size);
+    }
+    ~TransferBuffer() { explicit_bzero(data(), m_size); }
+    TransferBuffer(const TransferBuffer&) = delete;
+    TransferBuffer& operator=(const TransferBuffer&) = delete;
+    unsigned char* data() { return m_heap.empty() ? m_inline.data() : m_heap.data(); }
+
+private:
+    std::size_t m_size;
+    std::array<unsigned char, LIBUSB_CONTROL_SETUP_SIZE + 64> m_inline;
+    std::vector<unsigned char> m_heap;
 };
 
 void LIBUSB_CALL on_done(libusb_transfer* transfer) { *static_cast<int*>(transfer->user_data) = 1; }
@@ -92,13 +104,13 @@ private:
         libusb_transfer* transfer = libusb_alloc_transfer(0);
         if (transfer == nullptr) return LIBUSB_ERROR_NO_MEM;
         TransferBuffer buffer(length);
-        unsigned char* payload = buffer.bytes.data() + LIBUSB_CONTROL_SETUP_SIZE;
-        libusb_fill_control_setup(buffer.bytes.data(), requestType, request, value,
+        unsigned char* payload = buffer.data() + LIBUSB_CONTROL_SETUP_SIZE;
+        libusb_fill_control_setup(buffer.data(), requestType, request, value,
                                   kUnitAndInterface, length);
         const bool in = (requestType & LIBUSB_ENDPOINT_IN) != 0;
         if (!in) std::copy(data, data + length, payload);
         int done = 0;
-        libusb_fill_control_transfer(transfer, m_handle, buffer.bytes.data(), on_done, &done,
+        libusb_fill_control_transfer(transfer, m_handle, buffer.data(), on_done, &done,
                                      g_timeoutMs.load());
         int r = libusb_submit_transfer(transfer);
         if (r == 0) {
