@@ -83,14 +83,16 @@ umockdev-wrapper "$build/bench/tarvik_bench_waiting" $waiting 2>"$results/waitin
 
 echo
 echo "== library instructions per operation (callgrind; libusb and the emulation excluded)"
-cg="$results/callgrind"
-rm -rf "$cg"
-mkdir -p "$cg"
-echo "   $build/sim/tarvik-sim run -- valgrind --tool=callgrind --callgrind-out-file=$cg/ops.%p $build/bench/tarvik_bench_instructions $iterations"
-"$build/sim/tarvik-sim" run -- valgrind --tool=callgrind --callgrind-out-file="$cg/ops.%p" \
-  "$build/bench/tarvik_bench_instructions" "$iterations" 2>"$cg/valgrind.log"
-{
-  printf '%-20s %12s %12s %16s\n' operation "library Ir" "printing Ir" "libusb+emul. Ir"
+echo "   as the library runs by default (its timing lines to /dev/null), and with TARVIK_LOG=off"
+# instructions DIR [ENV...]: one callgrind run, one line per operation.
+instructions() {
+  local cg="$1"
+  shift
+  rm -rf "$cg"
+  mkdir -p "$cg"
+  env "$@" "$build/sim/tarvik-sim" run -- valgrind --tool=callgrind \
+    --callgrind-out-file="$cg/ops.%p" "$build/bench/tarvik_bench_instructions" "$iterations" \
+    >/dev/null 2>"$cg/valgrind.log"
   for part in $(ls "$cg"/ops.*.* | sort -t. -k3 -n); do
     callgrind_annotate --inclusive=yes --threshold=100 --auto=no "$part" | awk '
       /^Trigger: Client Request:/ { name = $4; n = substr($5, 2) }
@@ -98,8 +100,16 @@ echo "   $build/sim/tarvik-sim run -- valgrind --tool=callgrind --callgrind-out-
       / [^ ]*:main \[.*tarvik_bench_instructions\]/ { total = v }
       /:libusb_(control_transfer|submit_transfer|handle_events_completed|alloc_transfer|free_transfer) \[/ { usb += v }
       /tarvik_log\.cpp:tarvik::LogLine\(/ { print_ += v }
-      END { printf "%-20s %12d %12d %16d\n", name, (total - usb) / n, print_ / n, usb / n }'
+      END { printf "%s %d %d %d\n", name, (total - usb) / n, print_ / n, usb / n }'
   done
+}
+instructions "$results/callgrind" >"$results/instructions-on.txt"
+instructions "$results/callgrind-off" TARVIK_LOG=off >"$results/instructions-off.txt"
+{
+  printf '%-20s %12s %12s %14s %16s\n' operation "library Ir" "printing Ir" "log off: lib." \
+    "libusb+emul. Ir"
+  join <(sort "$results/instructions-on.txt") <(sort "$results/instructions-off.txt") |
+    awk '{ printf "%-20s %12d %12d %14d %16d\n", $1, $2, $3, $5, $4 }'
 } | tee "$results/instructions.txt"
 echo
 echo "full outputs: $results/"
