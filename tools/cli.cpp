@@ -18,6 +18,19 @@ constexpr char kFooter[] =
     "Exit status: 0 success, 1 the camera or the library reported a failure, 2 bad arguments\n"
     "(nothing was sent), 3 no camera found or it could not be opened.";
 
+#ifdef TARVIKCTL_WITH_SERVICE
+constexpr bool kWithService = true;  // --service: the commands through tarvikd
+#else
+constexpr bool kWithService = false;
+#endif
+
+constexpr char kServiceFooter[] =
+    "\n\nWith --service a command goes through tarvikd, the camera service on the system bus\n"
+    "(--session: the session bus), instead of opening the camera, with the same output and\n"
+    "exit statuses (info and sam 2 need the camera itself). polkit decides who may: members\n"
+    "of the group tarvik. Exit status 3 also: tarvikd is not running, or offers no such\n"
+    "camera. status and metrics show tarvikd's own view: its cameras and its counters.";
+
 constexpr char kExposureFooter[] =
     "The tool reads and writes the exposure item (1) itself and makes the checks the\n"
     "library's members make: set-times refuses a time outside its eye's range and eyes\n"
@@ -194,18 +207,41 @@ void AddCard(CLI::App& app, Storage& s, Invocation& inv) {
         [&s, &inv] { inv.run = [&s](Session& session) { return RunSam(session, s.samCommand); }; });
 
     auto* watch = app.add_subcommand(
-        "watch", "Print the camera's events (card placed or removed, camera gone or back) until "
-                 "interrupted; an unplugged camera is waited for");
+        "watch",
+        "Print the camera's events (card placed or removed, camera gone or back) until "
+        "interrupted; an unplugged camera is waited for");
     watch->add_flag("--card", s.watch.card, "Read each card placed, once, and print it");
-    watch->add_option("--interval", s.watch.intervalMs,
-                      "Milliseconds between card polls (default 250, at least 50)")
-        ->type_name("MS");
-    watch->callback(
-        [&s, &inv] { inv.run = [&s](Session& session) { return RunWatch(session, s.watch); }; });
+    auto* interval =
+        watch
+            ->add_option("--interval", s.watch.intervalMs,
+                         kWithService ? "Milliseconds between card polls (default 250, at "
+                                        "least 50; not with --service: tarvikd polls at its "
+                                        "own)"
+                                      : "Milliseconds between card polls (default 250, at "
+                                        "least 50)")
+            ->type_name("MS");
+    watch->callback([&s, &inv, interval] {
+        s.watch.intervalGiven = interval->count() > 0;
+        inv.run = [&s](Session& session) { return RunWatch(session, s.watch); };
+    });
 }
 
+#ifdef TARVIKCTL_WITH_SERVICE
+void AddServiceCommands(CLI::App& app, Invocation& inv) {
+    app.add_subcommand("status",
+                       "tarvikd's cameras: state, path, card present, watchers and counters "
+                       "(with --service)")
+        ->callback([&inv] { inv.run = [](Session& session) { return RunStatus(session); }; });
+    app.add_subcommand("metrics", "tarvikd's counters in Prometheus' text format (with --service)")
+        ->callback([&inv] { inv.run = [](Session& session) { return RunMetrics(session); }; });
+}
+#endif
+
 void AddCommands(CLI::App& app, Storage& s, Invocation& inv) {
-    app.add_subcommand("list", "Every camera (0ac8:010c): bus, address, serial, video node")
+    app.add_subcommand("list", kWithService ? "Every camera (0ac8:010c): bus, address, serial, "
+                                              "video node (--service: tarvikd's)"
+                                            : "Every camera (0ac8:010c): bus, address, serial, "
+                                              "video node")
         ->callback([&inv] { inv.run = [](Session& session) { return RunList(session); }; });
     app.add_subcommand("info", "Everything readable at once")->callback([&inv] {
         inv.run = [](Session& session) { return RunInfo(session); };
@@ -216,13 +252,17 @@ void AddCommands(CLI::App& app, Storage& s, Invocation& inv) {
     AddItem(app, s, inv);
     AddGyro(app, s, inv);
     AddCard(app, s, inv);
+#ifdef TARVIKCTL_WITH_SERVICE
+    AddServiceCommands(app, inv);
+#endif
 }
 
 // An empty value reads as no value at all (the first camera, no log file): refuse it.
 const CLI::Validator kNotEmpty(
     [](const std::string& value) { return value.empty() ? "must not be empty" : ""; }, "");
 
-void AddSelection(CLI::App& app, Selection& c) {
+void AddSelection(CLI::App& app, GlobalOptions& g) {
+    Selection& c = g.camera;
     auto* bus = app.add_option("--bus", c.bus, "The camera's bus (with --address)")
                     ->type_name("BUS")
                     ->check(CLI::Range(1, 255));
@@ -240,12 +280,25 @@ void AddSelection(CLI::App& app, Selection& c) {
             ->check(kNotEmpty);
     serial->excludes(bus, address, video);
     video->excludes(bus, address);
-    app.add_option("--transport", c.transport,
-                   "usb (libusb; the video driver is detached meanwhile), kernel (the video\n"
-                   "driver's node; video keeps streaming) or auto (default: kernel when the\n"
-                   "video driver holds the camera)")
-        ->type_name("PATH")
-        ->check(CLI::IsMember({"usb", "kernel", "auto"}));
+    auto* transport =
+        app.add_option("--transport", c.transport,
+                       "usb (libusb; the video driver is detached meanwhile), kernel (the video\n"
+                       "driver's node; video keeps streaming) or auto (default: kernel when the\n"
+                       "video driver holds the camera)")
+            ->type_name("PATH")
+            ->check(CLI::IsMember({"usb", "kernel", "auto"}));
+#ifdef TARVIKCTL_WITH_SERVICE
+    // tarvikd chooses the camera's path itself; a camera is picked by its serial.
+    auto* service = app.add_flag("--service", g.service,
+                                 "Run the command through tarvikd, the camera service on the\n"
+                                 "system bus, instead of opening the camera (-s picks its camera)");
+    app.add_flag("--session", g.session, "With --service: tarvikd on the session bus")
+        ->needs(service);
+    service->excludes(bus, address, video, transport);
+#else
+    (void)g;
+    (void)transport;
+#endif
 }
 
 void AddOutput(CLI::App& app, GlobalOptions& g) {
@@ -262,6 +315,8 @@ void AddOutput(CLI::App& app, GlobalOptions& g) {
                                           " (libTarvik " + tarvik_version() + ")");
 }
 
+std::string Footer() { return std::string(kFooter) + (kWithService ? kServiceFooter : ""); }
+
 bool JsonAsked(int argc, char** argv) {
     for (int i = 1; i < argc && std::strcmp(argv[i], "--") != 0; ++i) {
         if (std::strcmp(argv[i], "--json") == 0) return true;
@@ -271,6 +326,10 @@ bool JsonAsked(int argc, char** argv) {
 
 // Global choices that CLI11 can't state as rules between options.
 std::string CheckGlobals(const GlobalOptions& g) {
+    if (g.service && g.simulate) {
+        return "--simulate runs the command against a simulated camera of its own; it can't go "
+               "with --service";
+    }
     if (!g.camera.video.empty() && g.camera.transport == "usb") {
         return "--video reaches the camera through the kernel path; it can't go with "
                "--transport usb";
@@ -287,11 +346,11 @@ Invocation ParseCommandLine(int argc, char** argv) {
     static Storage storage;
     CLI::App app{"Control of the dual-eye camera (0ac8:010c) through libTarvik.", "tarvikctl"};
     app.fallthrough();  // global options may follow the command
-    AddSelection(app, inv.global.camera);
+    AddSelection(app, inv.global);
     AddOutput(app, inv.global);
     AddCommands(app, storage, inv);
     AddBashCompletionOption(app);
-    app.footer(kFooter);  // after the commands, which would inherit it
+    app.footer(Footer());  // after the commands, which would inherit it
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

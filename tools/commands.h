@@ -62,8 +62,15 @@ CardReply DescribeCard(const tarvik_card& card, bool third);
 struct WatchOptions {
     bool card = false;  // read each card placed, once
     std::string intervalMs = "250";
+    bool intervalGiven = false;
 };
 // One line per event until SIGINT or SIGTERM, through unplugs.
 int RunWatch(Session& session, const WatchOptions& options);
+
+// Through tarvikd: its cameras (list), their state and counters (status) and
+// its counters in Prometheus' text format (metrics).
+int RunServiceList(Session& session);
+int RunStatus(Session& session);
+int RunMetrics(Session& session);
 
 }  // namespace tarvikctl

@@ -158,6 +158,9 @@ void Sample(Session& session, bool inPlace) {
 }  // namespace
 
 int RunList(Session& session) {
+#ifdef TARVIKCTL_WITH_SERVICE
+    if (session.Options().service) return RunServiceList(session);
+#endif
     const std::vector<tarvik_camera_info> cameras = ListCameras();
     if (cameras.empty()) {
         throw ToolError(kExitNoCamera, TARVIK_E_NO_CAMERA,
@@ -174,6 +177,11 @@ int RunList(Session& session) {
 }
 
 int RunInfo(Session& session) {
+    if (session.Options().service) {
+        throw ValueError(
+            "info reads the camera through the library alone; through tarvikd, 'status' shows "
+            "the camera and get, exposure, item and gyro read its values");
+    }
     InfoReport report;
     tarvik_camera* camera = LibraryHandle(session.Camera());
     AddIdentity(camera, report);

@@ -48,6 +48,11 @@ void ReplyEvent(Session& session, const DeviceEvent& event, const WatchOptions& 
 
 int RunWatch(Session& session, const WatchOptions& o) {
     const long interval = static_cast<long>(ParseInteger(o.intervalMs, "--interval", 50, 60000));
+    if (o.intervalGiven && session.Options().service) {
+        throw ValueError(
+            "watch --interval: tarvikd polls at its own interval (tarvikd "
+            "--poll-interval)");
+    }
     Device& camera = session.Camera();
     Check(camera.StartWatch(static_cast<unsigned>(interval)), "watch");
     g_watched = &camera;

@@ -1,7 +1,11 @@
-// The camera as the commands see it: the few operations they need. The commands
-// parse, check and print; a Device carries a request to the camera.
+// The camera as the commands see it: the few operations they need, made either
+// straight through the library (a camera this process opens) or through tarvikd
+// (--service). The commands parse, check and print the same way on both; only
+// how a request reaches the camera differs.
 //
-// Every operation returns a tarvik.h result, as the library's calls do.
+// Every operation returns a tarvik.h result, as the library's calls do. The
+// service's own conditions that are no library result (polkit refused, too many
+// calls, tarvikd not running) are thrown as ToolError with their own message.
 #pragma once
 
 #include <tarvik.h>

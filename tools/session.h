@@ -1,5 +1,6 @@
 // One run of the tool: the global options, the camera (opened on first use, so that
-// values are checked before anything is sent) and the reply.
+// values are checked before anything is sent; through the library, or through tarvikd
+// with --service) and the reply.
 #pragma once
 
 #include <memory>
@@ -26,7 +27,11 @@ struct GlobalOptions {
     bool quiet = false;  // the default; kept so that older scripts still run
     std::string logFile;
     bool simulate = false;
+    bool service = false;  // through tarvikd
+    bool session = false;  // ... on the session bus, not the system bus
 };
+
+class ServiceClient;
 
 class Session {
 public:
@@ -40,12 +45,15 @@ public:
 
     // The camera, opened on first use. Throws ToolError (no camera) saying why not.
     Device& Camera();
+    // tarvikd, reached on first use (--service). Throws ToolError when it can't be.
+    ServiceClient& Service();
     // Releases the camera (the kernel's video driver gets it back on the USB path).
     void Close();
 
 private:
     const GlobalOptions& m_options;
     Reply& m_reply;
+    std::unique_ptr<ServiceClient> m_service;
     std::unique_ptr<Device> m_camera;
 };
 

@@ -11,10 +11,10 @@ function(fail message)
   message(FATAL_ERROR "${message}\n--- stdout:\n${OUT}\n--- stderr:\n${ERR}")
 endfunction()
 
-# run(<expected status> COMMAND...): runs the command under the simulator (with SIM_ARGS),
-# sets OUT and ERR.
+# run(<expected status> COMMAND...): runs the command under the simulator (with SIM_ARGS,
+# and inside WRAP when set), sets OUT and ERR.
 function(run expected)
-  execute_process(COMMAND ${SIM} run ${SIM_ARGS} -- ${ARGN}
+  execute_process(COMMAND ${WRAP} ${SIM} run ${SIM_ARGS} -- ${ARGN}
     RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE err)
   set(OUT "${out}" PARENT_SCOPE)
   set(ERR "${err}" PARENT_SCOPE)
@@ -529,6 +529,172 @@ elseif(CASE STREQUAL "faults")
   if(code EQUAL 0 OR code EQUAL 1)
     fail("no card, but the SAM's code is ${code}")
   endif()
+
+elseif(CASE STREQUAL "service")
+  # tarvikctl --service through a real tarvikd on a private session bus, under the simulator
+  # (run with -DDAEMON=<tarvikd> -DDBUS_RUN_SESSION=<dbus-run-session>). The bus daemon's own
+  # lines may reach stderr: the tool's are matched where they are.
+  set(WRAP ${DBUS_RUN_SESSION} --)
+  # with_service(<status> <script>): the script runs while tarvikd serves; $T is tarvikctl,
+  # $S the same with --service --session; `row ARGS...` keeps a command's stdout, stderr and
+  # status in $WORK/<n>.out, .err and .status (n = 1, 2, ...).
+  macro(with_service expected script)
+    run(${expected} sh -c "T=${TOOL}\n S=\"${TOOL} --service --session\"\n n=0
+      row() {\n n=$((n+1))\n \"$@\" >${WORK}/$n.out 2>${WORK}/$n.err\n echo $? >${WORK}/$n.status\n }
+      ${DAEMON} --session 2>${WORK}/tarvikd.log & d=$!
+      i=0\n until SYSTEMD_BUS_TIMEOUT=2 $S list >/dev/null 2>&1 || [ $i -ge 100 ]
+      do sleep 0.05\n i=$((i+1))\n done
+      ${script}
+      s=$?\n kill $d\n wait $d\n exit $s")
+  endmacro()
+  function(row_part n part var)
+    file(READ ${WORK}/${n}.${part} text)
+    set(${var} "${text}" PARENT_SCOPE)
+  endfunction()
+  # expect_same_as_local(ARGS...): each command line, with and without --service, prints the
+  # same (stdout and stderr) and exits the same; none is a usage error.
+  function(expect_same_as_local)
+    set(script "")
+    foreach(args IN LISTS ARGN)
+      string(APPEND script "row $T ${args}\n row $S ${args}\n")
+    endforeach()
+    with_service(0 "${script}")
+    set(n 0)
+    foreach(args IN LISTS ARGN)
+      math(EXPR local "${n} + 1")
+      math(EXPR n "${n} + 2")
+      row_part(${local} status status)
+      row_part(${local} out OUT)
+      row_part(${local} err ERR)
+      if(status STREQUAL "2\n" OR (OUT STREQUAL "" AND ERR STREQUAL ""))
+        fail("${args}: status ${status} without --service")
+      endif()
+      foreach(part out err status)
+        row_part(${local} ${part} without)
+        row_part(${n} ${part} with)
+        if(NOT with STREQUAL without)
+          fail("${args}: ${part} with --service is [${with}], without [${without}]")
+        endif()
+      endforeach()
+    endforeach()
+  endfunction()
+
+  set(SIM_ARGS --card ${CARD})
+  expect_same_as_local("get roi" "--json get roi" "exposure get-times" "--json exposure get-times"
+    "item read version" "--json item read version" "idcard" "--json idcard"
+    "--json exposure set-times 300 20000" "get vcm --mode 3" "--json gyro"
+    "item read data-block --target 2 --offset 8 --length 4")
+  # The camera's refusals and the SAM's: the same results by name, the same messages.
+  set(SIM_ARGS --no-card --fault stall:6)
+  expect_same_as_local("get roi" "--json get roi" "idcard" "--json idcard" "--json sam 3")
+
+  # watch: the card as tarvikd's signals tell it (lying there when the watch starts, lifted,
+  # laid down again), each placed card read through it; an interrupt ends the watch (0).
+  file(WRITE ${WORK}/cards "at 1000 remove-card\nat 2000 place-card\n")
+  set(SIM_ARGS --card ${CARD} --script ${WORK}/cards)
+  with_service(0 "$S watch --card --json >${WORK}/watch.out & w=$!
+    i=0\n while [ $(cat ${WORK}/watch.out | wc -l) -lt 3 ] && [ $i -lt 200 ]
+    do sleep 0.05\n i=$((i+1))\n done
+    row $S --json status
+    kill -INT $w\n wait $w")
+  file(READ ${WORK}/watch.out OUT)
+  set(one "{\"ok\":true,\"result\":0,\"event\"")
+  set(placed "\"card-placed\",\"sequence\":[13],[^\n]*\"name\":\"张三\"[^\n]*}\n")
+  expect_match(OUT "^${one}:${placed}${one}:\"card-removed\",\"sequence\":2,[^\n]*}\n${one}:${placed}$")
+  row_part(1 out OUT)
+  expect_json(1 cameras 0 watchers)
+  expect_json(2 cameras 0 cards_placed)
+
+  # Usage errors are found before tarvikd is asked: it need not run.
+  set(SIM_ARGS "")
+  set(usage
+    "set,roi,1,2,3" "roi takes 4 values, got 3"
+    "--bus,1,--address,2,get,roi" "--bus excludes --service"
+    "--video,/dev/video0,get,roi" "--video excludes --service"
+    "watch,--interval,100" "tarvikd polls at its own interval"
+    "info" "info reads the camera through the library alone")
+  list(LENGTH usage n)
+  math(EXPR last "${n} - 1")
+  foreach(i RANGE 0 ${last} 2)
+    math(EXPR j "${i} + 1")
+    list(GET usage ${i} args)
+    list(GET usage ${j} message)
+    string(REPLACE "," ";" args "${args}")
+    tool(2 --json --service --session ${args})
+    expect_json_error(-1001 TARVIK_E_INVALID_ARGUMENT "${message}")
+  endforeach()
+  tool(0 --help)
+  expect_match(OUT "\n  --service [^\n]*\n[^\n]*through tarvikd")
+  expect_match(OUT "\n  --session Needs: --service")
+  expect_match(OUT "\n  status  +tarvikd's cameras")
+  tool(2 status)
+  expect_match(ERR "tarvikctl: status needs --service")
+  tool(2 --session get roi)
+  expect_match(ERR "tarvikctl: --session requires --service")
+  # No tarvikd on the bus.
+  tool(3 --json --service --session get roi)
+  expect_json_error(-1010 TARVIK_E_NO_CAMERA "^tarvikd is not running: org.tarvik.Tarvik1 is not on the session bus")
+
+  # Exit statuses and messages of the service's own conditions, one tarvikd.
+  with_service(0 "row $S -s NO-SUCH-SERIAL get roi
+    row $S --json sam 2
+    $S get roi >/dev/null
+    row $S status
+    row $S --json status
+    row $S metrics
+    row $S --json metrics
+    row $S list
+    kill -STOP $d\n SYSTEMD_BUS_TIMEOUT=1 row $S --json get roi\n kill -CONT $d")
+  row_part(1 status status)
+  row_part(1 err ERR)
+  if(NOT status STREQUAL "3\n" OR NOT ERR STREQUAL "tarvikctl: no camera with serial 'NO-SUCH-SERIAL' at tarvikd (serials: SN2024SIMCAMERA00042)\n")
+    fail("-s NO-SUCH-SERIAL: status ${status}")
+  endif()
+  row_part(2 status status)
+  row_part(2 out OUT)
+  expect_json_error(-1006 TARVIK_E_NOT_PROVIDED "^SAM command 2: tarvikd answers [^\n]*with the SAM's code alone")
+  set(camera "/org/tarvik/Tarvik1/camera/SN2024SIMCAMERA00042")
+  row_part(3 out OUT)
+  expect_match(OUT "^${camera}\n  serial: +SN2024SIMCAMERA00042\n  path: +kernel\n  state: +ready\n  card present: +no\n  watchers: +0\n  watches: +0\n  pending calls: +0\n  calls: +[1-9][0-9]*\n  failed calls: +[0-9]+\n  reopens: +0\n  cards read: +0\n  cards placed: +0\n  last success: +20[0-9-]+T[0-9:]+Z\n  last failure: +(never|20[^\n]+)\n$")
+  row_part(4 out OUT)
+  expect_json(${camera} cameras 0 object)
+  expect_json(ready cameras 0 state)
+  expect_json(OFF cameras 0 card_present)
+  row_part(5 out OUT)
+  expect_match(OUT "(^|\n)# TYPE tarvik_calls_total counter\ntarvik_calls_total{serial=\"SN2024SIMCAMERA00042\"} [1-9][0-9]*\n")
+  set(metrics "${OUT}")
+  row_part(6 out OUT)
+  json_get(json_metrics metrics)
+  string(REGEX REPLACE "tarvik_calls_total[^\n]*" "" json_metrics "${json_metrics}")
+  string(REGEX REPLACE "tarvik_calls_total[^\n]*" "" metrics "${metrics}")
+  string(REGEX REPLACE "timestamp_seconds{[^\n]*" "" json_metrics "${json_metrics}")
+  string(REGEX REPLACE "timestamp_seconds{[^\n]*" "" metrics "${metrics}")
+  if(NOT json_metrics STREQUAL metrics)
+    fail("--json metrics does not carry the text metrics prints")
+  endif()
+  row_part(7 out OUT)
+  expect_out("serial: SN2024SIMCAMERA00042  path: kernel  state: ready  ${camera}\n")
+  # A bus call that times out (tarvikd stopped) is a timeout.
+  row_part(8 status status)
+  row_part(8 out OUT)
+  if(NOT status STREQUAL "1\n")
+    fail("a stopped tarvikd: status ${status}")
+  endif()
+  expect_json_error(-7 LIBUSB_ERROR_TIMEOUT "^tarvikd did not answer GetCameras in time$")
+
+  # The bus refuses the camera's calls, as polkit does: a denied access, status 1.
+  file(WRITE ${WORK}/deny.conf "<busconfig><include>/usr/share/dbus-1/session.conf</include>
+    <policy context='default'>
+    <deny send_destination='org.tarvik.Tarvik1' send_interface='org.tarvik.Tarvik1.Camera'/>
+    </policy></busconfig>\n")
+  set(WRAP ${DBUS_RUN_SESSION} --config-file=${WORK}/deny.conf --)
+  with_service(0 "row $S --json get roi")
+  row_part(1 status status)
+  row_part(1 out OUT)
+  if(NOT status STREQUAL "1\n")
+    fail("access denied: status ${status}")
+  endif()
+  expect_json_error(-3 LIBUSB_ERROR_ACCESS "^tarvikd refused ReadItem: polkit [^\n]*join the group tarvik")
 
 else()
   message(FATAL_ERROR "unknown case ${CASE}")
