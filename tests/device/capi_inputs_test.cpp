@@ -2,6 +2,7 @@
 // and whether the camera may see anything of it. A refused call sends
 // nothing and leaves the camera as it was.
 #include <climits>
+#include <cstring>
 #include <cstdint>
 #include <functional>
 #include <set>
@@ -140,6 +141,28 @@ INSTANTIATE_TEST_SUITE_P(Table, CInterfaceInputs, testing::ValuesIn(kRows),
                          [](const testing::TestParamInfo<Hostile>& row) {
                              return std::string(row.param.name);
                          });
+
+// Every item read through the C interface fills its record and not one byte
+// more, however much room it is given.
+TEST_F(DeviceTest, ItemReadsStopAtTheirRecord) {
+    tarvik_camera* camera = nullptr;
+    StdoutCapture quiet;
+    ASSERT_EQ(tarvik_open(nullptr, &camera), 0);
+    for (int n = 1; n <= 18; ++n) {
+        tarvik_item_info info{};
+        ASSERT_EQ(tarvik_item(n, &info), 0);
+        if (info.read_size < 0 || n == 12) continue;  // the SAM's: tarvik_sam_command
+        alignas(8) std::uint8_t room[80];
+        std::memset(room, 0xAB, sizeof room);
+        const int mode = 0;
+        ASSERT_EQ(tarvik_read_item(camera, n, n == 18 ? &mode : nullptr, room, sizeof room), 0)
+            << info.name;
+        for (size_t i = static_cast<size_t>(info.read_size); i < sizeof room; ++i) {
+            ASSERT_EQ(room[i], 0xAB) << info.name << ": byte " << i << " of its room written";
+        }
+    }
+    tarvik_close(camera);
+}
 
 // Every code has its own name and text; libusb's are named as libusb names them.
 TEST(CInterfaceResults, NamesAndTexts) {

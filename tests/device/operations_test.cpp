@@ -32,13 +32,19 @@ constexpr std::uint8_t kPoison = 0xAB;
 // Bytes 0-3 hold no echo of anything: the library must not look at them.
 constexpr const char* kAnswer = "40..7B";
 
+// The record with guard bytes after it: a read that writes one byte too many
+// shows, whatever the item.
 template <typename R, typename F>
 Call Reads(F member) {
     return [member](TarvikImpl& t, Bytes& record) {
-        R value;
-        std::memset(&value, kPoison, sizeof value);
-        const HRESULT r = member(t, &value);
-        record = BytesOf(value);
+        struct {
+            R value;
+            std::uint8_t guard[8];
+        } g;
+        std::memset(&g, kPoison, sizeof g);
+        const HRESULT r = member(t, &g.value);
+        record = BytesOf(g.value);
+        for (std::uint8_t b : g.guard) EXPECT_EQ(b, kPoison) << "written past the record";
         return r;
     };
 }
