@@ -10,7 +10,10 @@
 #   3. waiting for cards through the C interface, on both paths, against a bare
 #      timerfd loop of the same SAM command-0 exchanges at the same interval:
 #      CPU with no card, PlaceCard() to card-placed, Replug() to camera-back;
-#   4. the library's instructions per operation under callgrind, libusb excluded.
+#   4. tarvikd against the library in-process: a call, a card laid down to its
+#      signal, idle CPU with a watcher, memory;
+#   5. the library's instructions per operation under callgrind, libusb excluded,
+#      with the log as by default and off.
 # Full outputs are kept in build/bench/results/.
 #   scripts/bench.sh           everything (a few minutes on 2 cores)
 #   scripts/bench.sh --quick   shorter runs, for a smoke test
@@ -42,7 +45,7 @@ build=build/bench
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTARVIK_BUILD_BENCH=ON \
   -DTARVIK_BUILD_TESTS=OFF -DTARVIK_BUILD_TOOLS=OFF -DTARVIK_BUILD_FUZZ=OFF >/dev/null
 cmake --build "$build" --target tarvik_bench_pure tarvik_bench_device tarvik_bench_waiting \
-  tarvik_bench_instructions tarvik-sim >/dev/null
+  tarvik_bench_instructions tarvik_bench_service tarvikd tarvik-sim >/dev/null
 results="$build/results"
 mkdir -p "$results"
 
@@ -80,6 +83,12 @@ echo
 echo "== waiting for cards: the library against a bare loop of command-0 polls, both paths"
 umockdev-wrapper "$build/bench/tarvik_bench_waiting" $waiting 2>"$results/waiting.err" \
   | tee "$results/waiting.txt"
+
+echo
+echo "== tarvikd: a call through the service against the same call in-process, card laid down"
+echo "   to its signal, idle CPU with a watcher, memory (a session bus, the kernel path)"
+"$build/sim/tarvik-sim" run -- dbus-run-session -- "$build/bench/tarvik_bench_service" \
+  "$build/service/tarvikd" $waiting 2>"$results/service.err" | tee "$results/service.txt"
 
 echo
 echo "== library instructions per operation (callgrind; libusb and the emulation excluded)"
