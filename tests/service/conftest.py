@@ -127,20 +127,25 @@ def wait_for_name(bus, name, seconds=20):
 
 
 def ensure_users():
-    """The test's users and the group the package makes (needs root)."""
-    for group in ("tarvik",):
-        try:
-            grp.getgrnam(group)
-        except KeyError:
-            subprocess.run(["groupadd", "--system", group], check=True)
+    """The test's users and the group the package makes (needs root). Tests
+    running side by side may make them at the same time: whoever is second
+    finds them made."""
+    try:
+        grp.getgrnam("tarvik")
+    except KeyError:
+        subprocess.run(["groupadd", "--system", "tarvik"], capture_output=True)
+        grp.getgrnam("tarvik")
     for user, groups in ((KIOSK_USER, "tarvik"), (OTHER_USER, None), (SERVICE_USER, None)):
         try:
             pwd.getpwnam(user)
+            continue
         except KeyError:
-            command = ["useradd", "--system", "--no-create-home", "--shell", "/usr/sbin/nologin"]
-            if groups:
-                command += ["--groups", groups]
-            subprocess.run(command + [user], check=True)
+            pass
+        command = ["useradd", "--system", "--no-create-home", "--shell", "/usr/sbin/nologin"]
+        if groups:
+            command += ["--groups", groups]
+        subprocess.run(command + [user], capture_output=True)
+        pwd.getpwnam(user)
 
 
 POLKIT_FILES = [
