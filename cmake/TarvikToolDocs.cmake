@@ -1,7 +1,7 @@
 # Man pages and shell completion, made at build time from the built tools, so
 # that they say what the tools do:
 #   tarvikctl(1), tarvik-sim(1)  help2man over each tool's --help, with a NAME
-#   and tarvikd(8)               line and the extra sections of packaging/man/*.h2m;
+#   tarvik-bridge(1), tarvikd(8) line and the extra sections of packaging/man/*.h2m;
 #   tarvikctl's bash completion  what 'tarvikctl --bash-completion' prints (the
 #                                tool walks its own command table).
 # TARVIK_MANPAGES: AUTO (when help2man is found), ON (required) or OFF.
@@ -93,6 +93,10 @@ tarvik_man_page(tarvikd
   INCLUDE ${PROJECT_SOURCE_DIR}/packaging/man/tarvikd.h2m
   HELP_OPTIONS --help
   SECTION 8)
+tarvik_man_page(tarvik-bridge
+  NAME "the dual-eye camera service for kiosk pages, JSON-RPC over WebSocket"
+  INCLUDE ${PROJECT_SOURCE_DIR}/packaging/man/tarvik-bridge.h2m
+  HELP_OPTIONS --help)
 
 if(TARGET tarvikctl)
   set(_completion ${_tarvik_docs_dir}/tarvikctl.bash)
