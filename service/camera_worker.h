@@ -28,6 +28,7 @@ struct Outcome {
     int result = 0;
     std::string message;  // why, for an error (no card data)
     std::shared_ptr<void> keep;
+    bool sensitive = false;  // the reply carries card data: sd-bus wipes it when it goes
     std::function<int(void* reply)> fill;  // sd_bus_message*
 };
 

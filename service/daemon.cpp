@@ -365,6 +365,7 @@ int Daemon::OnReadCard(sd_bus_message* m, void* userdata, sd_bus_error*) {
                         tarvik_sam_strerror(card->sam_result) + ")";
         }
         o.keep = card;
+        o.sensitive = true;
         o.fill = [card, third](void* reply) {
             return AppendCard(static_cast<sd_bus_message*>(reply), *card, third);
         };
@@ -412,6 +413,7 @@ void Daemon::Finish(Camera& camera, Completion& done) {
     if (o.result == 0) {
         sd_bus_message* reply = nullptr;
         int r = sd_bus_message_new_method_return(p.call, &reply);
+        if (r >= 0 && o.sensitive) r = sd_bus_message_sensitive(reply);
         if (r >= 0 && o.fill) r = o.fill(reply);
         if (r < 0) {
             // Text the bus does not carry (not UTF-8, say): the caller hears why.
