@@ -180,18 +180,30 @@ int Daemon::OnGetMetrics(sd_bus_message* m, void* userdata, sd_bus_error*) {
 
 // --- the cameras' calls ---
 
-void Daemon::Submit(Camera& asked, sd_bus_message* m, const char* action, Task task) {
+// Once polkit allows `action` for the caller of `m`, `then` runs with the
+// camera (looked up again: it may have gone meanwhile, which the caller hears
+// as LIBUSB_ERROR_NO_DEVICE) and the caller's bus name.
+void Daemon::WhenAllowed(const Camera& asked, sd_bus_message* m, const char* action,
+                         std::function<void(Camera&, const std::string&)> then) {
     sd_bus_message_ref(m);
-    m_authority->Check(m, action, [this, key = asked.key, m, task = std::move(task)]() mutable {
+    m_authority->Check(m, action, [this, key = asked.key, m, then = std::move(then)] {
         const auto found = m_cameras.find(key);
         if (found == m_cameras.end()) {
             ReplyResult(m, TARVIK_LIBUSB_ERROR_NO_DEVICE, "");
             return;
         }
-        Camera& camera = *found->second;
-        const std::string client = sd_bus_message_get_sender(m) ? sd_bus_message_get_sender(m) : "";
+        const char* sender = sd_bus_message_get_sender(m);
+        then(*found->second, sender != nullptr ? sender : "");
+    });
+    sd_bus_message_unref(m);
+}
+
+void Daemon::Submit(Camera& asked, sd_bus_message* m, const char* action, Task task) {
+    auto shared = std::make_shared<Task>(std::move(task));
+    WhenAllowed(asked, m, action, [this, m, shared](Camera& camera, const std::string& client) {
+        const auto mine = m_pendingByClient.find(client);
         if (camera.worker->Pending() >= m_options.maxPendingPerCamera ||
-            m_pendingByClient[client] >= m_options.maxPendingPerClient) {
+            (mine != m_pendingByClient.end() && mine->second >= m_options.maxPendingPerClient)) {
             sd_bus_reply_method_errorf(m, SD_BUS_ERROR_LIMITS_EXCEEDED,
                                        "too many calls wait for this camera; try again");
             return;
@@ -207,10 +219,9 @@ void Daemon::Submit(Camera& asked, sd_bus_message* m, const char* action, Task t
                                    std::uint64_t{m_options.callTimeoutMs} * 1000u, 0, OnDeadline,
                                    pending.get());
         ++m_pendingByClient[client];
-        camera.worker->Post(pending->id, deadline, std::move(task));
+        camera.worker->Post(pending->id, deadline, std::move(*shared));
         m_pending.emplace(pending->id, std::move(pending));
     });
-    sd_bus_message_unref(m);
 }
 
 // The deadline came first: the caller hears LIBUSB_ERROR_TIMEOUT now, and the
@@ -508,15 +519,7 @@ void Daemon::SetWatched(Camera& camera) {
 int Daemon::OnWatch(sd_bus_message* m, void* userdata, sd_bus_error*) {
     const Camera& asked = *static_cast<Camera*>(userdata);
     Daemon& d = *asked.daemon;
-    sd_bus_message_ref(m);
-    d.m_authority->Check(m, kActionStatus, [&d, key = asked.key, m] {
-        const auto found = d.m_cameras.find(key);
-        if (found == d.m_cameras.end()) {
-            ReplyResult(m, TARVIK_LIBUSB_ERROR_NO_DEVICE, "");
-            return;
-        }
-        Camera& camera = *found->second;
-        const std::string client = sd_bus_message_get_sender(m) ? sd_bus_message_get_sender(m) : "";
+    d.WhenAllowed(asked, m, kActionStatus, [&d, m](Camera& camera, const std::string& client) {
         unsigned& watches = camera.watchers[client];
         if (watches == kMaxWatchesPerClient) {
             sd_bus_reply_method_errorf(m, SD_BUS_ERROR_LIMITS_EXCEEDED,
@@ -529,7 +532,6 @@ int Daemon::OnWatch(sd_bus_message* m, void* userdata, sd_bus_error*) {
         d.SetWatched(camera);
         sd_bus_reply_method_return(m, "");
     });
-    sd_bus_message_unref(m);
     return 1;
 }
 
@@ -568,14 +570,7 @@ int Daemon::OnNameOwnerChanged(sd_bus_message* m, void* userdata, sd_bus_error*)
 int Daemon::OnGetStatus(sd_bus_message* m, void* userdata, sd_bus_error*) {
     const Camera& asked = *static_cast<Camera*>(userdata);
     Daemon& d = *asked.daemon;
-    sd_bus_message_ref(m);
-    d.m_authority->Check(m, kActionStatus, [&d, key = asked.key, m] {
-        const auto found = d.m_cameras.find(key);
-        if (found == d.m_cameras.end()) {
-            ReplyResult(m, TARVIK_LIBUSB_ERROR_NO_DEVICE, "");
-            return;
-        }
-        const Camera& camera = *found->second;
+    d.WhenAllowed(asked, m, kActionStatus, [&d, m](const Camera& camera, const std::string&) {
         const CameraCounters& c = d.m_counters[camera.key];
         unsigned watches = 0;
         for (const auto& [client, n] : camera.watchers) watches += n;
@@ -613,7 +608,6 @@ int Daemon::OnGetStatus(sd_bus_message* m, void* userdata, sd_bus_error*) {
         if (r >= 0) sd_bus_send(nullptr, reply, nullptr);
         sd_bus_message_unref(reply);
     });
-    sd_bus_message_unref(m);
     return 1;
 }
 

@@ -88,6 +88,8 @@ private:
     // reply comes from `outcome` (or an error) when it is done, or
     // LIBUSB_ERROR_TIMEOUT at the deadline, whichever is first.
     void Submit(Camera& asked, sd_bus_message* m, const char* action, Task task);
+    void WhenAllowed(const Camera& asked, sd_bus_message* m, const char* action,
+                     std::function<void(Camera&, const std::string&)> then);
     void Finish(Camera& camera, Completion& done);
     void Event(Camera& camera, const tarvik_event& event);
     void SetWatched(Camera& camera);
