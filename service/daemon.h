@@ -16,17 +16,13 @@
 #include <string>
 
 #include "authority.h"
+#include "bus_names.h"
 #include "camera_worker.h"
 #include "metrics.h"
 
 namespace tarvikd {
 
-constexpr char kBusName[] = "org.tarvik.Tarvik1";
-constexpr char kManagerPath[] = "/org/tarvik/Tarvik1";
-constexpr char kCameraPrefix[] = "/org/tarvik/Tarvik1/camera";
-constexpr char kManagerInterface[] = "org.tarvik.Tarvik1.Manager";
-constexpr char kCameraInterface[] = "org.tarvik.Tarvik1.Camera";
-constexpr char kErrorPrefix[] = "org.tarvik.Tarvik1.Error.";
+using namespace tarvik::bus;  // NOLINT: the names are the service's own
 
 struct Options {
     bool session = false;  // the session bus; polkit is not asked

@@ -15,18 +15,14 @@
 #include <map>
 #include <optional>
 
+#include "bus_names.h"
 #include "open_failure.h"
 
 namespace tarvikctl {
 
 namespace {
 
-constexpr char kBusName[] = "org.tarvik.Tarvik1";
-constexpr char kManagerPath[] = "/org/tarvik/Tarvik1";
-constexpr char kCameraPrefix[] = "/org/tarvik/Tarvik1/camera";
-constexpr char kManagerInterface[] = "org.tarvik.Tarvik1.Manager";
-constexpr char kCameraInterface[] = "org.tarvik.Tarvik1.Camera";
-constexpr char kErrorPrefix[] = "org.tarvik.Tarvik1.Error.";
+using namespace tarvik::bus;  // NOLINT: the service's names
 
 // Every result the library has: libusb's codes and its own.
 bool IsResult(int code) {
