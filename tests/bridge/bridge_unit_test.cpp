@@ -90,6 +90,7 @@ TEST(BridgeAccess, AnUpgradeNeedsTheBridgesHostAndAnAllowedOrigin) {
         {&v4, 8737, {"LocalHost:8737"}, {"https://kiosk.example.org"}, 0, ""},
         {&v6, 8737, {"[::1]:8737"}, {"http://127.0.0.1:8000"}, 0, ""},
         {&v4, 80, {"127.0.0.1"}, {"http://127.0.0.1:8000"}, 0, ""},
+        {&v4, 80, {"evil.example"}, {"http://127.0.0.1:8000"}, 403, "Host"},
         // DNS rebinding: a name of the attacker's that resolves to loopback.
         {&v4, 8737, {"evil.example:8737"}, {"http://127.0.0.1:8000"}, 403, "Host"},
         {&v4, 8737, {"127.0.0.1:8738"}, {"http://127.0.0.1:8000"}, 403, "Host"},
@@ -116,11 +117,13 @@ TEST(BridgeAccess, AnUpgradeNeedsTheBridgesHostAndAnAllowedOrigin) {
               403);
 }
 
-// The error code a message gets back (0: it becomes a call; 1: nothing at all).
+// The error code a message gets back, or kCall or kNothing.
+constexpr int kCall = 1;
+constexpr int kNothing = 2;
 int Outcome(const std::string& text) {
     const Parsed p = ParseMessage(text);
-    if (p.outcome == Parsed::kCall) return 0;
-    if (p.outcome == Parsed::kNothing) return 1;
+    if (p.outcome == Parsed::kCall) return kCall;
+    if (p.outcome == Parsed::kNothing) return kNothing;
     const Json reply = Json::parse(p.reply);
     EXPECT_EQ(reply["jsonrpc"], "2.0");
     return reply["error"]["code"].get<int>();
@@ -133,19 +136,24 @@ std::string Req(const std::string& method, const std::string& params) {
 TEST(BridgeRpc, EveryMessageBecomesACallOrTheRightError) {
     const std::string cam = R"("camera":"SN1")";
     const std::string big(70000, '[');
+    std::string keys;  // 32 values, the most a call may carry
+    for (int i = 0; i < 32; ++i) keys += "\"k" + std::to_string(i) + "\":1,";
+    const std::string values32 = "{" + cam + R"(,"item":"x","values":{)" + keys;
     const struct {
         std::string text;
         int outcome;
     } kCases[] = {
-        {Req("getCameras", "{}"), 0},
-        {R"({"jsonrpc":"2.0","id":"a","method":"getCameras"})", 0},
-        {Req("status", "{" + cam + "}"), 0},
-        {Req("readItem", "{" + cam + R"(,"item":"vcm","input":{"mode":1}})"), 0},
-        {Req("writeItem", "{" + cam + R"(,"item":"roi","values":{"value":[1,2,3,4]}})"), 0},
+        {Req("getCameras", "{}"), kCall},
+        {R"({"jsonrpc":"2.0","id":"a","method":"getCameras"})", kCall},
+        {Req("status", "{" + cam + "}"), kCall},
+        {Req("readItem", "{" + cam + R"(,"item":"vcm","input":{"mode":1}})"), kCall},
+        {Req("writeItem", "{" + cam + R"(,"item":"roi","values":{"value":[1,2,3,4]}})"), kCall},
         {Req("writeItem",
              "{" + cam + R"(,"item":"x","values":{"record":"AAECAw==","b":true,"s":"t"}})"),
-         0},
-        {Req("readCard", "{" + cam + R"(,"thirdBlock":true})"), 0},
+         kCall},
+        {Req("readCard", "{" + cam + R"(,"thirdBlock":true})"), kCall},
+        {Req("writeItem", values32 + R"("k32":1}})"), kInvalidParams},
+        {Req("writeItem", values32.substr(0, values32.size() - 1) + "}}"), kCall},
         // Not JSON at all.
         {"", kParseError},
         {"garbage", kParseError},
@@ -164,8 +172,8 @@ TEST(BridgeRpc, EveryMessageBecomesACallOrTheRightError) {
         {R"({"jsonrpc":"2.0","id":1,"method":"status","params":"SN1"})", kInvalidRequest},
         {R"({"jsonrpc":"2.0","id":1,"method":"getCameras","extra":1})", kInvalidRequest},
         // Notifications are neither run nor answered.
-        {R"({"jsonrpc":"2.0","method":"readCard","params":{"camera":"SN1"}})", 1},
-        {R"({"jsonrpc":"2.0","method":"nope"})", 1},
+        {R"({"jsonrpc":"2.0","method":"readCard","params":{"camera":"SN1"}})", kNothing},
+        {R"({"jsonrpc":"2.0","method":"nope"})", kNothing},
         {Req("nope", "{}"), kMethodNotFound},
         {Req("ReadCard", "{}"), kMethodNotFound},
         // Parameters of the wrong kind.
