@@ -73,5 +73,8 @@ void IDCardData::prase(unsigned char* text, unsigned char* /*photo*/) {
         std::wstring value = field_text(text, field);
         this->*field.member =
             field.translate == nullptr ? std::move(value) : (this->*field.translate)(value);
+        // A short text lives inside the string object itself, and moving it
+        // away leaves the characters behind on this frame: wiped too.
+        explicit_bzero(value.data(), (value.capacity() + 1) * sizeof(wchar_t));
     }
 }
