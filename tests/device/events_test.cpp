@@ -3,6 +3,7 @@
 // card read, in a write) and coming back with its settings, lost events, and
 // a cancel from another thread.
 #include <malloc.h>
+#include <poll.h>
 
 #include <algorithm>
 #include <thread>
@@ -26,7 +27,8 @@ class Events : public DeviceTest, public testing::WithParamInterface<Transport> 
 protected:
     void SetUp() override {
         tarvik_open_options o = tarvik_default_options();
-        o.transport = GetParam() == Transport::kUsb ? TARVIK_TRANSPORT_USB : TARVIK_TRANSPORT_KERNEL;
+        o.transport =
+            GetParam() == Transport::kUsb ? TARVIK_TRANSPORT_USB : TARVIK_TRANSPORT_KERNEL;
         o.flags = TARVIK_OPEN_REAPPLY;
         ASSERT_EQ(tarvik_open(&o, &m_c), 0);
         ASSERT_EQ(tarvik_set_poll_interval(m_c, 50), 0);
@@ -128,7 +130,9 @@ TEST_P(LeavingMidCall, GoneThenBack) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, LeavingMidCall, testing::ValuesIn(kLeavings),
-                         [](const testing::TestParamInfo<Leaving>& row) { return std::string(row.param.name); });
+                         [](const testing::TestParamInfo<Leaving>& row) {
+                             return std::string(row.param.name);
+                         });
 
 // A consumer that stops reading: the queue keeps an overflow event and the
 // numbers go on, so the loss shows; nothing is lost silently.
@@ -152,6 +156,29 @@ TEST_P(Events, LostEventsLeaveAGap) {
     ASSERT_EQ(tarvik_next_event(m_c, &e), 0);
     EXPECT_EQ(e.type, TARVIK_EVENT_CARD_PLACED);
     EXPECT_EQ(e.sequence, 2u * kCycles + 1);  // every change counted
+}
+
+// An application's own loop on the descriptor sees the card; with the polls
+// stopped nothing is told and a wait runs out; started again, a card lying
+// there is told anew.
+TEST_P(Events, AnOwnLoopAndPollsThatStop) {
+    const int fd = tarvik_get_fd(m_c);  // starts the polls
+    ASSERT_GE(fd, 0);
+    pollfd p{fd, POLLIN, 0};
+    tarvik_event e{};
+    while (tarvik_next_event(m_c, &e) != 0) {
+        ASSERT_GT(::poll(&p, 1, kPatienceMs), 0);
+        ASSERT_EQ(tarvik_dispatch(m_c), 0);
+    }
+    EXPECT_EQ(e.type, TARVIK_EVENT_CARD_PLACED);
+    ASSERT_EQ(tarvik_set_poll_interval(m_c, 0), 0);
+    Cam().RemoveCard();
+    EXPECT_EQ(tarvik_wait_event(m_c, &e, 300), TARVIK_E_NO_EVENT);
+    Cam().PlaceCard();
+    ASSERT_EQ(tarvik_set_poll_interval(m_c, 50), 0);
+    ASSERT_EQ(tarvik_wait_event(m_c, &e, kPatienceMs), 0);
+    EXPECT_EQ(e.type, TARVIK_EVENT_CARD_PLACED);
+    EXPECT_EQ(tarvik_set_poll_interval(m_c, 49), TARVIK_E_INVALID_ARGUMENT);
 }
 
 // Another thread's cancel wakes the waiter every time, with its own code.
