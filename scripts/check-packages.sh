@@ -11,7 +11,9 @@
 #     and examples/read_card.py with the installed Python package;
 #   - tarvikd's unit, bus, polkit and sysusers files where systemd, dbus-daemon
 #     and polkit read them, its user made when it is configured, and the
-#     installed tarvikd offering the simulated camera on a session bus.
+#     installed tarvikd offering the simulated camera on a session bus;
+#   - tarvik-bridge's user unit where systemd reads it, not enabled for every
+#     user at install, and the installed bridge refusing a non-loopback address.
 #   scripts/check-packages.sh    (KEEP=1 keeps the work directory; JOBS=N builds
 #                                 with N jobs, default all processors)
 # The copy holds the files git knows, committed or not, as they are in the work
@@ -80,12 +82,12 @@ debs=()
 for deb in "$work"/*.deb; do
     case $deb in *-dbgsym_*) ;; *) debs+=("$deb") ;; esac
 done
-[ ${#debs[@]} -eq 5 ] || fail "expected 5 packages, got: ${debs[*]##*/}"
+[ ${#debs[@]} -eq 6 ] || fail "expected 6 packages, got: ${debs[*]##*/}"
 for deb in "${debs[@]}"; do
     version=$(dpkg-deb -f "$deb" Version)
     [ "${version%-*}" = "$project_version" ] || fail "${deb##*/} has version $version"
 done
-pass "5 packages built in $(($(date +%s) - start)) s: $(printf '%s ' "${debs[@]##*/}")"
+pass "6 packages built in $(($(date +%s) - start)) s: $(printf '%s ' "${debs[@]##*/}")"
 
 # --- lintian: no error; warnings and notes are shown ---
 lintian_out=$(lintian --fail-on error --display-info --tag-display-limit 0 "$work"/*.changes 2>&1) ||
@@ -106,6 +108,7 @@ dpkg-deb -I "$work"/libtarvik1_*.deb symbols | grep -q '^ zq_CreateTarvik@Base '
     fail "libtarvik1 carries no symbols file"
 grep -A20 'dpkg-gensymbols: warning: some new symbols' "$work/build.log" >&2 || true
 for elf in "$root"/usr/bin/tarvikctl "$root"/usr/bin/tarvik-sim "$root"/usr/sbin/tarvikd \
+    "$root"/usr/bin/tarvik-bridge \
     "$libdir"/libTarvik.so.1.*; do
     if readelf -d "$elf" | grep -qE 'RPATH|RUNPATH'; then fail "${elf#"$root"} has an RPATH"; fi
 done
@@ -129,8 +132,18 @@ dpkg-deb -I "$work"/tarvikd_*.deb postinst | grep -q 'systemd-sysusers.* tarvikd
     fail "tarvikd's postinst does not make its user (systemd-sysusers tarvikd.conf)"
 pass "tarvikd: unit, sysusers, bus policy and activation, polkit actions and rule; postinst makes the user"
 
+# --- tarvik-bridge: its user unit, enabled by the kiosk's user, not at install ---
+[ "$(stat -c %a "$root/usr/lib/systemd/user/tarvik-bridge.service" 2>/dev/null)" = 644 ] ||
+    fail "tarvik-bridge: /usr/lib/systemd/user/tarvik-bridge.service missing or not mode 644"
+# Enabled again on upgrade only where its user had enabled it (dh_installsystemduser --no-enable).
+dpkg-deb -I "$work"/tarvik-bridge_*.deb postinst | grep -q -- '--user debian-installed' ||
+    fail "tarvik-bridge's postinst enables its unit for every user"
+out=$("$root/usr/bin/tarvik-bridge" --listen 0.0.0.0:8737 2>&1) && fail "tarvik-bridge took 0.0.0.0"
+echo "$out" | grep -q 'not a loopback address' || fail "tarvik-bridge --listen 0.0.0.0: $out"
+pass "tarvik-bridge: user unit, not enabled at install; it refuses a non-loopback address"
+
 # --- man pages and completion ---
-for page in man1/tarvikctl.1 man1/tarvik-sim.1 man8/tarvikd.8; do
+for page in man1/tarvikctl.1 man1/tarvik-sim.1 man8/tarvikd.8 man1/tarvik-bridge.1; do
     file=$root/usr/share/man/$page.gz
     text=$(MANWIDTH=80 man -l "$file" 2>/dev/null) || fail "man -l $page.1.gz"
     echo "$text" | grep -q "^NAME" || fail "$page.1.gz has no NAME section"
@@ -139,7 +152,7 @@ for page in man1/tarvikctl.1 man1/tarvik-sim.1 man8/tarvikd.8; do
 done
 man -l "$root/usr/share/man/man1/tarvikctl.1.gz" 2>/dev/null | grep -q 'tarvikctl exposure set-times' ||
     fail "tarvikctl.1 lacks the subcommands' help"
-pass "man pages render: tarvikctl(1), tarvik-sim(1), tarvikd(8)"
+pass "man pages render: tarvikctl(1), tarvik-sim(1), tarvikd(8), tarvik-bridge(1)"
 
 completion=$root/usr/share/bash-completion/completions/tarvikctl
 got=$(bash -c 'source "$1"; COMP_WORDS=(tarvikctl exposure get-); COMP_CWORD=2; _tarvikctl
