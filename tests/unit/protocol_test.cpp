@@ -8,8 +8,8 @@
 #include "presence.h"
 #include "sensor_math.h"
 #include "tarvik.h"
-#include "transport.h"
 #include "test_support.h"
+#include "transport.h"
 
 namespace tarvik::test {
 namespace {
@@ -20,19 +20,21 @@ TEST(SamStatus, EveryCode) {
         int code;
     };
     // These sw3 values decide whatever sw1 and sw2 hold.
-    for (const Row& r : {Row{0x31, 7}, Row{0x32, 8}, Row{0x40, 12}, Row{0x41, 13}, Row{0x47, 14}, Row{0x81, 18}}) {
+    for (const Row& r :
+         {Row{0x31, 7}, Row{0x32, 8}, Row{0x40, 12}, Row{0x41, 13}, Row{0x47, 14}, Row{0x81, 18}}) {
         EXPECT_EQ(GetSAMResponseCode(0, 0, r.sw3), r.code);
         EXPECT_EQ(GetSAMResponseCode(0x6A, 0x01, r.sw3), r.code);
     }
-    for (const Row& r : {Row{0x90, 0}, Row{0x9F, 1}, Row{0x10, 2}, Row{0x11, 3}, Row{0x21, 4}, Row{0x23, 5},
-                         Row{0x24, 6}, Row{0x33, 9}, Row{0x60, 15}, Row{0x66, 16}, Row{0x80, 17},
-                         Row{0x91, 19}}) {
+    for (const Row& r :
+         {Row{0x90, 0}, Row{0x9F, 1}, Row{0x10, 2}, Row{0x11, 3}, Row{0x21, 4}, Row{0x23, 5},
+          Row{0x24, 6}, Row{0x33, 9}, Row{0x60, 15}, Row{0x66, 16}, Row{0x80, 17}, Row{0x91, 19}}) {
         EXPECT_EQ(GetSAMResponseCode(0, 0, r.sw3), r.code) << int(r.sw3);
         EXPECT_EQ(GetSAMResponseCode(1, 0, r.sw3), -1);
         EXPECT_EQ(GetSAMResponseCode(0, 1, r.sw3), -1);
     }
     int known = 0;
-    for (int sw3 = 0; sw3 < 256; ++sw3) known += GetSAMResponseCode(0, 0, static_cast<unsigned char>(sw3)) != -1;
+    for (int sw3 = 0; sw3 < 256; ++sw3)
+        known += GetSAMResponseCode(0, 0, static_cast<unsigned char>(sw3)) != -1;
     EXPECT_EQ(known, 18) << "every other status is unknown";
 }
 
@@ -42,10 +44,10 @@ TEST(Gyro, TiltFromTheSample) {
         int pitch, roll;
     };
     const Row rows[] = {
-        {"00 00 00 00 40 00", 0, 0},    {"00 00 00 00 00 01", 0, 0},  {"40 00 00 00 00 00", -90, 0},
-        {"C0 00 00 00 00 00", 90, 0},   {"00 01 00 00 00 00", -90, 0}, {"00 00 40 00 00 00", 0, 90},
-        {"00 00 C0 00 00 00", 0, -90},  {"FC 18 03 E8 03 E8", 35, 35}, {"F0 00 08 00 30 00", 18, 8},
-        {"80 00 7F FF 80 00", 35, 35},
+        {"00 00 00 00 40 00", 0, 0},   {"00 00 00 00 00 01", 0, 0},   {"40 00 00 00 00 00", -90, 0},
+        {"C0 00 00 00 00 00", 90, 0},  {"00 01 00 00 00 00", -90, 0}, {"00 00 40 00 00 00", 0, 90},
+        {"00 00 C0 00 00 00", 0, -90}, {"FC 18 03 E8 03 E8", 35, 35}, {"F0 00 08 00 30 00", 18, 8},
+        {"80 00 7F FF 80 00", 35, 35}, {"FF FF 00 00 00 00", 90, 0},  {"00 00 00 01 00 00", 0, 90},
     };
     for (const Row& r : rows) {
         std::uint8_t raw[14];
@@ -66,7 +68,8 @@ TEST(Gyro, TiltFromTheSample) {
 _DUAL_ET_PARAM Block(unsigned leftMode, unsigned rightMode) {
     _DUAL_ET_PARAM et{};
     et.left = {500, 1000, 100, 0x1234, {1, 2, 3, 4, static_cast<unsigned char>(leftMode), 6, 7, 8}};
-    et.right = {600, 2000, 200, 0x5678, {9, 10, 11, 12, static_cast<unsigned char>(rightMode), 14, 15, 16}};
+    et.right = {
+        600, 2000, 200, 0x5678, {9, 10, 11, 12, static_cast<unsigned char>(rightMode), 14, 15, 16}};
     return et;
 }
 
@@ -77,13 +80,19 @@ TEST(Exposure, ManualTimesWithinInclusiveBoundsAndModes) {
         HRESULT result;
     };
     const Row rows[] = {
-        {100, 200, 1, 1, 0},       {1000, 2000, 1, 1, 0},     {99, 200, 1, 1, kErrOutOfRange},
-        {1001, 200, 1, 1, kErrOutOfRange}, {100, 199, 1, 1, kErrOutOfRange},
-        {100, 2001, 1, 1, kErrOutOfRange}, {100, 200, 0, 1, kErrNotManualMode},
-        {100, 200, 1, 2, kErrNotManualMode}, {99, 200, 0, 0, kErrOutOfRange},
+        {100, 200, 1, 1, 0},
+        {1000, 2000, 1, 1, 0},
+        {99, 200, 1, 1, kErrOutOfRange},
+        {1001, 200, 1, 1, kErrOutOfRange},
+        {100, 199, 1, 1, kErrOutOfRange},
+        {100, 2001, 1, 1, kErrOutOfRange},
+        {100, 200, 0, 1, kErrNotManualMode},
+        {100, 200, 1, 2, kErrNotManualMode},
+        {99, 200, 0, 0, kErrOutOfRange},
     };
     for (const Row& r : rows) {
-        EXPECT_EQ(check_manual_ae(Block(r.leftMode, r.rightMode), _MAE_PARAM{r.left, r.right}), r.result)
+        EXPECT_EQ(check_manual_ae(Block(r.leftMode, r.rightMode), _MAE_PARAM{r.left, r.right}),
+                  r.result)
             << r.left << " " << r.right << " " << r.leftMode << r.rightMode;
     }
 }
@@ -155,17 +164,21 @@ TEST(Presence, PlacedOnceRemovedAfterTwoMisses) {
         const char* polls;
         const char* changes;  // P placed, R removed, - nothing
     };
-    const Row rows[] = {{"0011", "--P-"}, {"1010", "P---"}, {"100100", "P-RP-R"}, {"11001", "P--RP"}};
+    const Row rows[] = {
+        {"0011", "--P-"}, {"1010", "P---"}, {"100100", "P-RP-R"}, {"11001", "P--RP"}};
     for (const Row& r : rows) {
         presence::Tracker t;
         std::string got;
         for (const char* p = r.polls; *p != 0; ++p) {
             const presence::Change c = t.Poll(*p == '1');
-            got += c == presence::Change::kPlaced ? 'P' : c == presence::Change::kRemoved ? 'R' : '-';
+            got += c == presence::Change::kPlaced    ? 'P'
+                   : c == presence::Change::kRemoved ? 'R'
+                                                     : '-';
         }
         EXPECT_EQ(got, r.changes) << r.polls;
     }
-    EXPECT_TRUE(presence::card_answered(1) && !presence::card_answered(17) && !presence::card_answered(-1));
+    EXPECT_TRUE(presence::card_answered(1) && !presence::card_answered(17) &&
+                !presence::card_answered(-1));
 }
 
 // A full queue keeps its last place for the overflow event; numbers go on, so
@@ -179,8 +192,11 @@ TEST(EventQueue, OverflowEventAndAGap) {
     q.Push(TARVIK_EVENT_CARD_REMOVED, 200u);
     ASSERT_TRUE(q.Pop(e));
     got.emplace_back(e.type, e.sequence);
-    const std::vector<std::pair<int, std::uint64_t>> want = {{TARVIK_EVENT_CARD_PLACED, 1}, {TARVIK_EVENT_CARD_PLACED, 2},
-        {TARVIK_EVENT_CARD_PLACED, 3}, {TARVIK_EVENT_OVERFLOW, 4}, {TARVIK_EVENT_CARD_REMOVED, 11}};
+    const std::vector<std::pair<int, std::uint64_t>> want = {{TARVIK_EVENT_CARD_PLACED, 1},
+                                                             {TARVIK_EVENT_CARD_PLACED, 2},
+                                                             {TARVIK_EVENT_CARD_PLACED, 3},
+                                                             {TARVIK_EVENT_OVERFLOW, 4},
+                                                             {TARVIK_EVENT_CARD_REMOVED, 11}};
     EXPECT_EQ(got, want);
     EXPECT_FALSE(q.Pop(e));
 }
