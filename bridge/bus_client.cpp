@@ -323,7 +323,7 @@ struct BusClient::State {
         if (r >= 0) r = sd_bus_call_async(bus, &slot, m, OnReply, pending, 0);
         sd_bus_message_unref(m);
         if (r < 0) {
-            sd_bus_error error = SD_BUS_ERROR_NULL;
+            sd_bus_error error{};  // SD_BUS_ERROR_NULL, without C's compound literal
             sd_bus_error_set_errno(&error, r);
             pending->handler(nullptr, &error);
             sd_bus_error_free(&error);
@@ -398,8 +398,8 @@ struct BusClient::State {
             [this, page, shared, card, empty](sd_bus_message* reply, const sd_bus_error* error) {
                 Json result;
                 if (error == nullptr && !empty && ReadDict(reply, result) < 0) {
-                    const sd_bus_error bad = SD_BUS_ERROR_MAKE_CONST(
-                        SD_BUS_ERROR_INVALID_ARGS, "the service's answer could not be read");
+                    const sd_bus_error bad{SD_BUS_ERROR_INVALID_ARGS,
+                                           "the service's answer could not be read", 0};
                     return Answer(page, *shared, &bad, nullptr);
                 }
                 Answer(page, *shared, error, std::move(result), card);
