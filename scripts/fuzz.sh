@@ -50,12 +50,25 @@ cmake --build "$BUILD_DIR"
 
 rm -rf "$BUILD_DIR/seeds"
 "$BUILD_DIR/fuzz/make_seeds" "$BUILD_DIR/seeds"
+# tarvik-bridge's messages: a call of each method as a page sends it.
+mkdir -p "$BUILD_DIR/seeds/fuzz_bridge_rpc"
+n=0
+for message in '{"jsonrpc":"2.0","id":1,"method":"getCameras","params":{}}' \
+  '{"jsonrpc":"2.0","id":"a","method":"status","params":{"camera":"SN1"}}' \
+  '{"jsonrpc":"2.0","id":2,"method":"readItem","params":{"camera":"SN1","item":"vcm","input":{"mode":1}}}' \
+  '{"jsonrpc":"2.0","id":3,"method":"writeItem","params":{"camera":"SN1","item":"data-block","values":{"target":1,"offset":0,"data":"AAEC/w==","on":true,"v":[-1,2]}}}' \
+  '{"jsonrpc":"2.0","id":null,"method":"readCard","params":{"camera":"SN1","thirdBlock":false}}' \
+  '{"jsonrpc":"2.0","method":"readCard"}' '[{"jsonrpc":"2.0"}]' 'QUJD'; do
+  n=$((n + 1))
+  printf '%s' "$message" >"$BUILD_DIR/seeds/fuzz_bridge_rpc/$n"
+done
 
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 
 # target:max_len (a card read's script carries up to 46 answer frames)
 targets=(fuzz_transactions:4096 fuzz_text:600)
+if [ -x "$BUILD_DIR/fuzz/fuzz_bridge_rpc" ]; then targets+=(fuzz_bridge_rpc:2048); fi
 
 mkdir -p "$BUILD_DIR/findings"
 failed=0
