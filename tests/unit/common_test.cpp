@@ -7,12 +7,14 @@
 #include <chrono>
 #include <climits>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "byte_pack.h"
 #include "os_time.h"
 #include "tarvik_log.h"
-#include "timing_log.h"
 #include "test_support.h"
+#include "timing_log.h"
 #include "wNewMutex.h"
 
 namespace tarvik::test {
@@ -43,8 +45,9 @@ TEST(BytePack, ShortSizesAreReported) {
     Int2Byte(7, b.data(), 3);
     EXPECT_EQ(Byte2Int(b.data(), 3), 0);
     EXPECT_EQ(b, Hex("01 02 03"));
-    EXPECT_EQ(logger.messages, (std::vector<std::string>{"Assertion `size >= 4' failed in Int2Byte",
-                                                         "Assertion `size >= 4' failed in Byte2Int"}));
+    EXPECT_EQ(logger.messages,
+              (std::vector<std::string>{"Assertion `size >= 4' failed in Int2Byte",
+                                        "Assertion `size >= 4' failed in Byte2Int"}));
     SetAssertLogger(nullptr);
     StdoutCapture capture;
     char text[] = "plain";
@@ -75,9 +78,11 @@ TEST(Log, PrefixAndTimingForm) {
         {1050, {"########## X end, consumed time: 1.50 ms\n"}},
         {999999, {"########## X end, consumed time: 999.999 ms\n"}},
         {1000000,
-         {"########## X end, consumed time: 1000.0 ms\n", "########## operator time too long, more than 1s\n"}},
+         {"########## X end, consumed time: 1000.0 ms\n",
+          "########## operator time too long, more than 1s\n"}},
         {2000500,
-         {"########## X end, consumed time: 2000.500 ms\n", "########## operator time too long, more than 1s\n"}},
+         {"########## X end, consumed time: 2000.500 ms\n",
+          "########## operator time too long, more than 1s\n"}},
     };
     for (const Row& r : rows) {
         EXPECT_TRUE(LinesAre(Logged([&] { LogConsumedTime("f", 1, "X", r.us); }), r.lines)) << r.us;
@@ -86,10 +91,34 @@ TEST(Log, PrefixAndTimingForm) {
     EXPECT_EQ(ElapsedSince(os_gettime_us() + 5000000) > 1000000000000UL, true);
 }
 
+// The level decides which lines are made at all; a change of level or of
+// handler takes effect at the next line.
+TEST(Log, LevelsAndHandler) {
+    static std::vector<std::pair<int, std::string>> got;
+    got.clear();
+    set_log_level(static_cast<int>(Level::kWarning));
+    set_log_handler([](int level, const char* line, void*) { got.emplace_back(level, line); },
+                    nullptr);
+    TLOG_DEBUG("dropped %d", 1);
+    TLOG_WARN("kept %d", 2);
+    set_log_level(static_cast<int>(Level::kDebug));
+    TLOG_DEBUG("kept %d", 3);
+    set_log_handler(nullptr, nullptr);
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].first, static_cast<int>(Level::kWarning));
+    EXPECT_NE(got[0].second.find("] kept 2"), std::string::npos) << got[0].second;
+    EXPECT_EQ(got[1].first, static_cast<int>(Level::kDebug));
+    EXPECT_NE(got[1].second.find("] kept 3"), std::string::npos) << got[1].second;
+    EXPECT_NE(Logged([] { TLOG_DEBUG("to standard output again"); }).find("again"),
+              std::string::npos)
+        << "the default destination is back";
+}
+
 TEST(Time, ClockAndDifferences) {
     timeval tv{};
     gettimeofday(&tv, nullptr);
-    const unsigned long before = static_cast<unsigned long>(tv.tv_sec) * 1000000UL + static_cast<unsigned long>(tv.tv_usec);
+    const unsigned long before =
+        static_cast<unsigned long>(tv.tv_sec) * 1000000UL + static_cast<unsigned long>(tv.tv_usec);
     const unsigned long now = os_gettime_us();
     EXPECT_GE(now, before);
     EXPECT_LT(now - before, 5000000UL);
