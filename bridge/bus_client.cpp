@@ -17,18 +17,20 @@
 #include <set>
 #include <thread>
 
+#include "bus_names.h"
 #include "log.h"
 
 namespace tarvik_bridge {
 
 namespace {
 
-constexpr char kService[] = "org.tarvik.Tarvik1";
-constexpr char kManagerPath[] = "/org/tarvik/Tarvik1";
-constexpr char kCameraPrefix[] = "/org/tarvik/Tarvik1/camera";
-constexpr char kManager[] = "org.tarvik.Tarvik1.Manager";
-constexpr char kCamera[] = "org.tarvik.Tarvik1.Camera";
-constexpr char kErrorPrefix[] = "org.tarvik.Tarvik1.Error.";
+// The service's names (bus_names.h).
+constexpr const char* kService = tarvik::bus::kBusName;
+constexpr const char* kManagerPath = tarvik::bus::kManagerPath;
+constexpr const char* kCameraPrefix = tarvik::bus::kCameraPrefix;
+constexpr const char* kManager = tarvik::bus::kManagerInterface;
+constexpr const char* kCamera = tarvik::bus::kCameraInterface;
+constexpr const char* kErrorPrefix = tarvik::bus::kErrorPrefix;
 constexpr char kProperties[] = "org.freedesktop.DBus.Properties";
 
 std::string CameraPath(const std::string& key) {
@@ -343,8 +345,9 @@ struct BusClient::State {
         }
         if (error != nullptr) {
             const std::string name = error->name != nullptr ? error->name : "";
-            const std::string shortName =
-                name.rfind(kErrorPrefix, 0) == 0 ? name.substr(sizeof kErrorPrefix - 1) : name;
+            const std::string shortName = name.rfind(kErrorPrefix, 0) == 0
+                                              ? name.substr(sizeof tarvik::bus::kErrorPrefix - 1)
+                                              : name;
             Log(kDebug, "page %llu: %s failed: %s", static_cast<unsigned long long>(page),
                 MethodName(call.method), shortName.c_str());
             Send({page},

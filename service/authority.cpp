@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "journal_log.h"
+#include "service_log.h"
 
 namespace tarvikd {
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "journal_log.h"
+#include "service_log.h"
 
 namespace tarvikd {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "item_values.h"
-#include "journal_log.h"
+#include "service_log.h"
 
 namespace tarvikd {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "daemon.h"
-#include "journal_log.h"
+#include "service_log.h"
 
 namespace {
 
@@ -50,9 +50,9 @@ int Main(int argc, char** argv) {
         return app.exit(e);
     }
     int priority = tarvikd::kInfo;
-    tarvikd::ParseLogPriority(level.c_str(), priority);
+    tarvikd::ParseLogPriority(level, priority);
     tarvikd::SetLogPriority(priority);
-    tarvikd::RouteLibraryLog();
+    tarvikd::RouteLibraryLog(priority);
     options.transport = transport == "usb"      ? TARVIK_TRANSPORT_USB
                         : transport == "kernel" ? TARVIK_TRANSPORT_KERNEL
                                                 : TARVIK_TRANSPORT_AUTO;

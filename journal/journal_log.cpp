@@ -1,11 +1,11 @@
-#include "log.h"
+#include "journal_log.h"
 
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
 
-namespace tarvik_bridge {
+namespace tarvik::journal {
 
 namespace {
 
@@ -34,6 +34,17 @@ bool ParseLogPriority(const std::string& name, int& priority) {
     return false;
 }
 
+void LogText(int priority, const std::string& text) {
+    if (priority > g_priority.load()) return;
+    std::string line(text);
+    for (char& c : line) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    }
+    std::lock_guard<std::mutex> lock(g_write);
+    std::fprintf(stderr, "<%d>%s\n", priority, line.c_str());
+    std::fflush(stderr);
+}
+
 void Log(int priority, const char* format, ...) {
     if (priority > g_priority.load()) return;
     char text[1024];
@@ -41,9 +52,7 @@ void Log(int priority, const char* format, ...) {
     va_start(args, format);
     std::vsnprintf(text, sizeof text, format, args);
     va_end(args);
-    std::lock_guard<std::mutex> lock(g_write);
-    std::fprintf(stderr, "<%d>%s\n", priority, text);
-    std::fflush(stderr);
+    LogText(priority, text);
 }
 
 std::string Printable(std::string_view text) {
@@ -57,4 +66,4 @@ std::string Printable(std::string_view text) {
     return out + "'";
 }
 
-}  // namespace tarvik_bridge
+}  // namespace tarvik::journal
