@@ -26,7 +26,7 @@ CAMERA_PATH = "/org/tarvik/Tarvik1/camera/" + CAMERA
 CARD_NAME = "张三"
 
 
-class Bridge:
+class Bridge(service_world.LoggedProcess):
     """tarvik-bridge on `bus` (as its session bus), its log in a file."""
 
     def __init__(self, bus, *origins, listen="127.0.0.1:0"):
@@ -40,15 +40,6 @@ class Bridge:
         self.port = int(line.rsplit(":", 1)[1])
         self.url = "ws://127.0.0.1:%d" % self.port
 
-    def log_text(self):
-        with open(self.log.name, encoding="utf-8", errors="replace") as f:
-            return f.read()
-
-    def stop(self):
-        self.process.terminate()
-        status = self.process.wait(20)
-        os.unlink(self.log.name)
-        return status
 
 
 def run_bridge(*args, bus=None):

@@ -175,7 +175,21 @@ def install_polkit_files():
         os.rename(temporary, target)
 
 
-class Service:
+class LoggedProcess:
+    """A program of ours with its standard error in a file (self.log, self.process)."""
+
+    def log_text(self):
+        with open(self.log.name, encoding="utf-8", errors="replace") as f:
+            return f.read()
+
+    def stop(self):
+        self.process.terminate()
+        status = self.process.wait(20)
+        os.unlink(self.log.name)
+        return status
+
+
+class Service(LoggedProcess):
     """tarvikd on `bus`, with its standard error in a file."""
 
     def __init__(self, bus, *args, umask=None):
@@ -194,15 +208,6 @@ class Service:
                      "GetCameras").stdout.split()
         return [p.strip('"') for p in out[2:]]
 
-    def log_text(self):
-        with open(self.log.name, encoding="utf-8", errors="replace") as f:
-            return f.read()
-
-    def stop(self):
-        self.process.terminate()
-        status = self.process.wait(20)
-        os.unlink(self.log.name)
-        return status
 
 
 @pytest.fixture
