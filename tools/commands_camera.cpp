@@ -200,6 +200,9 @@ int RunGyro(Session& session, const GyroOptions& o) {
     }
     struct sigaction action {};
     action.sa_handler = OnInterrupt;
+    // Calls inside the library and its transport carry on across the signal;
+    // the loop looks at the flag between samples (a sleep still wakes early).
+    action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     // Refresh in place only on a terminal; elsewhere one line (or JSON object) per sample.

@@ -58,6 +58,7 @@ int RunWatch(Session& session, const WatchOptions& o) {
     g_watched = &camera;
     struct sigaction action {};
     action.sa_handler = OnStop;
+    action.sa_flags = SA_RESTART;  // the stop is the cancel OnStop sends, not an EINTR
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     try {

@@ -379,7 +379,8 @@ elseif(CASE STREQUAL "gyro")
   expect_out("pitch 35, roll -12\npitch 35, roll -12\n")
   expect_err("tool 0\n")
   # Interrupted: ends its line and exits 0.
-  run(0 timeout --preserve-status -s INT 1 ${TOOL} gyro --watch --interval 100)
+  # (-k: a tool that does not end within 20 s of it fails the case instead of hanging it)
+  run(0 timeout --preserve-status -k 20 -s INT 1 ${TOOL} gyro --watch --interval 100)
   expect_match(OUT "^(pitch 35, roll -12\n)*$")
   # An output that can't be written is an error.
   run(1 sh -c "${TOOL} gyro > /dev/full")
